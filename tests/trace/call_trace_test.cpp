@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "call_trace.h"
+#include "snanode/node.h"
 #include "fake_node.h"
 #include "trace_names.h"
 
