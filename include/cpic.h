@@ -1,0 +1,256 @@
+/* cpic.h - the CPI-C call interface.
+ *
+ * Names and values of the CPI-C standard (types, characteristic values,
+ * return codes) and the prototypes of every call libcpic.so exports.
+ * Usable from C and C++. Every call returns its result only through its
+ * return_code argument. Conversation IDs are 8 bytes; integers are 32-bit
+ * on both word sizes. */
+#ifndef CPIC_H
+#define CPIC_H
+
+#include <stdint.h>
+
+#include "snanode/export.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Types ----------------------------------------------------------- */
+
+typedef int32_t CM_INT32;
+typedef uint32_t CM_UINT32;
+typedef CM_INT32 CM_RETURN_CODE;
+typedef CM_INT32 CM_CONVERSATION_STATE;
+typedef CM_INT32 CM_CONVERSATION_TYPE;
+typedef CM_INT32 CM_DATA_RECEIVED_TYPE;
+typedef CM_INT32 CM_DEALLOCATE_TYPE;
+typedef CM_INT32 CM_ERROR_DIRECTION;
+typedef CM_INT32 CM_FILL;
+typedef CM_INT32 CM_PREPARE_TO_RECEIVE_TYPE;
+typedef CM_INT32 CM_PROCESSING_MODE;
+typedef CM_INT32 CM_RECEIVE_TYPE;
+typedef CM_INT32 CM_REQUEST_TO_SEND_RECEIVED;
+typedef CM_INT32 CM_RETURN_CONTROL;
+typedef CM_INT32 CM_SEND_TYPE;
+typedef CM_INT32 CM_STATUS_RECEIVED;
+typedef CM_INT32 CM_SYNC_LEVEL;
+typedef CM_INT32 CM_END_TYPE;
+typedef CM_INT32 CM_SECURITY_TYPE;
+typedef CM_INT32 CM_TP_NAME_TYPE;
+typedef unsigned char CONVERSATION_ID[8];
+
+#define CM_ENTRY SNA_EXPORT void
+#define CM_PTR *
+
+/* ---- Return codes ---------------------------------------------------- */
+
+#define CM_OK 0
+#define CM_ALLOCATE_FAILURE_NO_RETRY 1
+#define CM_ALLOCATE_FAILURE_RETRY 2
+#define CM_CONVERSATION_TYPE_MISMATCH 3
+#define CM_PIP_NOT_SPECIFIED_CORRECTLY 5
+#define CM_SECURITY_NOT_VALID 6
+#define CM_SYNC_LVL_NOT_SUPPORTED_LU 7
+#define CM_SYNC_LVL_NOT_SUPPORTED_PGM 8
+#define CM_TPN_NOT_RECOGNIZED 9
+#define CM_TP_NOT_AVAILABLE_NO_RETRY 10
+#define CM_TP_NOT_AVAILABLE_RETRY 11
+#define CM_DEALLOCATED_ABEND 17
+#define CM_DEALLOCATED_NORMAL 18
+#define CM_PARAMETER_ERROR 19
+#define CM_PRODUCT_SPECIFIC_ERROR 20
+#define CM_PROGRAM_ERROR_NO_TRUNC 21
+#define CM_PROGRAM_ERROR_PURGING 22
+#define CM_PROGRAM_ERROR_TRUNC 23
+#define CM_PROGRAM_PARAMETER_CHECK 24
+#define CM_PROGRAM_STATE_CHECK 25
+#define CM_RESOURCE_FAILURE_NO_RETRY 26
+#define CM_RESOURCE_FAILURE_RETRY 27
+#define CM_UNSUCCESSFUL 28
+#define CM_DEALLOCATED_ABEND_SVC 30
+#define CM_DEALLOCATED_ABEND_TIMER 31
+#define CM_SVC_ERROR_NO_TRUNC 32
+#define CM_SVC_ERROR_PURGING 33
+#define CM_SVC_ERROR_TRUNC 34
+#define CM_OPERATION_INCOMPLETE 35
+#define CM_SYSTEM_EVENT 36
+#define CM_OPERATION_NOT_ACCEPTED 37
+#define CM_CONVERSATION_ENDING 38
+#define CM_SEND_RCV_MODE_NOT_SUPPORTED 39
+#define CM_BUFFER_TOO_SMALL 40
+#define CM_EXP_DATA_NOT_SUPPORTED 41
+#define CM_DEALLOC_CONFIRM_REJECT 42
+#define CM_ALLOCATION_ERROR 43
+#define CM_RETRY_LIMIT_EXCEEDED 44
+#define CM_NO_SECONDARY_INFORMATION 45
+#define CM_SECURITY_NOT_SUPPORTED 46
+#define CM_SECURITY_MUTUAL_FAILED 47
+#define CM_CALL_NOT_SUPPORTED 48
+#define CM_PARM_VALUE_NOT_SUPPORTED 49
+#define CM_TAKE_BACKOUT 100
+#define CM_DEALLOCATED_ABEND_BO 130
+#define CM_DEALLOCATED_ABEND_SVC_BO 131
+#define CM_DEALLOCATED_ABEND_TIMER_BO 132
+#define CM_RESOURCE_FAIL_NO_RETRY_BO 133
+#define CM_RESOURCE_FAILURE_RETRY_BO 134
+#define CM_DEALLOCATED_NORMAL_BO 135
+#define CM_CONV_DEALLOC_AFTER_SYNCPT 136
+#define CM_INCLUDE_PARTNER_REJECT_BO 137
+
+/* ---- Conversation characteristics ------------------------------------ */
+
+/* conversation_state */
+#define CM_INITIALIZE_STATE 2
+#define CM_SEND_STATE 3
+#define CM_RECEIVE_STATE 4
+#define CM_SEND_PENDING_STATE 5
+#define CM_CONFIRM_STATE 6
+#define CM_CONFIRM_SEND_STATE 7
+#define CM_CONFIRM_DEALLOCATE_STATE 8
+#define CM_DEFER_RECEIVE_STATE 9
+#define CM_DEFER_DEALLOCATE_STATE 10
+#define CM_SYNC_POINT_STATE 11
+#define CM_SYNC_POINT_SEND_STATE 12
+#define CM_SYNC_POINT_DEALLOCATE_STATE 13
+#define CM_INITIALIZE_INCOMING_STATE 14
+#define CM_SEND_ONLY_STATE 15
+#define CM_RECEIVE_ONLY_STATE 16
+#define CM_SEND_RECEIVE_STATE 17
+#define CM_PREPARED_STATE 18
+
+/* conversation_type */
+#define CM_BASIC_CONVERSATION 0
+#define CM_MAPPED_CONVERSATION 1
+
+/* data_received */
+#define CM_NO_DATA_RECEIVED 0
+#define CM_DATA_RECEIVED 1
+#define CM_COMPLETE_DATA_RECEIVED 2
+#define CM_INCOMPLETE_DATA_RECEIVED 3
+
+/* deallocate_type */
+#define CM_DEALLOCATE_SYNC_LEVEL 0
+#define CM_DEALLOCATE_FLUSH 1
+#define CM_DEALLOCATE_CONFIRM 2
+#define CM_DEALLOCATE_ABEND 3
+
+/* error_direction */
+#define CM_RECEIVE_ERROR 0
+#define CM_SEND_ERROR 1
+
+/* fill */
+#define CM_FILL_LL 0
+#define CM_FILL_BUFFER 1
+
+/* prepare_to_receive_type */
+#define CM_PREP_TO_RECEIVE_SYNC_LEVEL 0
+#define CM_PREP_TO_RECEIVE_FLUSH 1
+#define CM_PREP_TO_RECEIVE_CONFIRM 2
+
+/* processing_mode */
+#define CM_BLOCKING 0
+#define CM_NON_BLOCKING 1
+
+/* receive_type */
+#define CM_RECEIVE_AND_WAIT 0
+#define CM_RECEIVE_IMMEDIATE 1
+
+/* request_to_send_received */
+#define CM_REQ_TO_SEND_NOT_RECEIVED 0
+#define CM_REQ_TO_SEND_RECEIVED 1
+
+/* return_control */
+#define CM_WHEN_SESSION_ALLOCATED 0
+#define CM_IMMEDIATE 1
+
+/* send_type */
+#define CM_BUFFER_DATA 0
+#define CM_SEND_AND_FLUSH 1
+#define CM_SEND_AND_CONFIRM 2
+#define CM_SEND_AND_PREP_TO_RECEIVE 3
+#define CM_SEND_AND_DEALLOCATE 4
+
+/* status_received */
+#define CM_NO_STATUS_RECEIVED 0
+#define CM_SEND_RECEIVED 1
+#define CM_CONFIRM_RECEIVED 2
+#define CM_CONFIRM_SEND_RECEIVED 3
+#define CM_CONFIRM_DEALLOC_RECEIVED 4
+#define CM_TAKE_COMMIT 5
+#define CM_TAKE_COMMIT_SEND 6
+#define CM_TAKE_COMMIT_DEALLOCATE 7
+#define CM_TAKE_COMMIT_DATA_OK 8
+#define CM_TAKE_COMMIT_SEND_DATA_OK 9
+#define CM_TAKE_COMMIT_DEALLOC_DATA_OK 10
+#define CM_PREPARE_OK 11
+#define CM_JOINT_TRANSACTION 12
+
+/* sync_level */
+#define CM_NONE 0
+#define CM_CONFIRM 1
+#define CM_SYNC_POINT 2
+#define CM_SYNC_POINT_NO_CONFIRM 3
+
+/* end type of Terminate */
+#define CM_HARD 0
+#define CM_SOFT 1
+
+/* conversation_security_type */
+#define CM_SECURITY_NONE 0
+#define CM_SECURITY_SAME 1
+#define CM_SECURITY_PROGRAM 2
+#define CM_SECURITY_DISTRIBUTED 3
+#define CM_SECURITY_MUTUAL 4
+#define CM_SECURITY_PROGRAM_STRONG 5
+
+#define XC_SECURITY_NONE 0
+#define XC_SECURITY_SAME 1
+#define XC_SECURITY_PROGRAM 2
+#define XC_SECURITY_PROGRAM_STRONG 5
+
+/* TP name type of a side-information entry */
+#define XC_APPLICATION_TP 0
+#define XC_SNA_SERVICE_TP 1
+
+/* Limits */
+#define CM_MAXIMUM_BUFFER_SIZE 32767
+
+/* ---- Calls ----------------------------------------------------------- */
+
+/* Initialize_Conversation: a conversation from a symbolic destination
+ * name (8 ASCII bytes, blank-padded; eight blanks: no side information). */
+CM_ENTRY cminit(unsigned char *conversation_ID, unsigned char *sym_dest_name,
+                CM_INT32 *return_code);
+CM_ENTRY CMINIT(unsigned char *conversation_ID, unsigned char *sym_dest_name,
+                CM_INT32 *return_code);
+
+/* Initialize_For_Incoming: an empty conversation for Accept_Incoming. */
+CM_ENTRY cminic(unsigned char *conversation_ID, CM_INT32 *return_code);
+CM_ENTRY CMINIC(unsigned char *conversation_ID, CM_INT32 *return_code);
+
+/* Extract_Maximum_Buffer_Size: always 32767. */
+CM_ENTRY cmembs(CM_INT32 *maximum_buffer_size, CM_INT32 *return_code);
+CM_ENTRY CMEMBS(CM_INT32 *maximum_buffer_size, CM_INT32 *return_code);
+
+/* Convert_Outgoing / Convert_Incoming: ASCII to EBCDIC and back, in
+ * place, over the CPI-C extended character set. */
+CM_ENTRY cmcnvo(unsigned char *buffer, CM_INT32 *length, CM_INT32 *return_code);
+CM_ENTRY CMCNVO(unsigned char *buffer, CM_INT32 *length, CM_INT32 *return_code);
+CM_ENTRY cmcnvi(unsigned char *buffer, CM_INT32 *length, CM_INT32 *return_code);
+CM_ENTRY CMCNVI(unsigned char *buffer, CM_INT32 *length, CM_INT32 *return_code);
+
+/* Terminate: ends the current context's TP (0 hard, 1 soft) and discards
+ * its conversations. */
+CM_ENTRY cmterm(CM_INT32 *termination_type, CM_INT32 *return_code);
+CM_ENTRY CMTERM(CM_INT32 *termination_type, CM_INT32 *return_code);
+
+/* Version stamps of the library. */
+SNA_EXPORT char *ocpic_verstamp(void);
+SNA_EXPORT char *ocpic_verstamp_tvt(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
