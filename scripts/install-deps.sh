@@ -1,0 +1,14 @@
+#!/bin/sh
+# Installs the Debian 12 packages the build and the tests need, when any
+# is missing. Needs root (or sudo) only when something must be installed.
+set -eu
+packages="build-essential g++-multilib cmake make googletest libgtest-dev libgmock-dev libbenchmark-dev pkg-config"
+missing=""
+for p in $packages; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"
+done
+[ -z "$missing" ] && exit 0
+echo "installing:$missing"
+if [ "$(id -u)" -eq 0 ]; then SUDO=""; else SUDO="sudo"; fi
+$SUDO apt-get update -qq
+DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq $missing

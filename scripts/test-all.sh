@@ -1,0 +1,25 @@
+#!/bin/sh
+# Builds and runs every test: i386 (the reference word size), x86_64, and
+# x86_64 again under AddressSanitizer and UndefinedBehaviorSanitizer.
+#   scripts/test-all.sh          everything
+#   scripts/test-all.sh --quick  x86_64 only, the quick label only
+set -eu
+cd "$(dirname "$0")/.."
+scripts/install-deps.sh
+jobs=$(nproc)
+presets="i386 x86_64 asan"
+label=""
+if [ "${1:-}" = "--quick" ]; then presets="x86_64"; label="-L quick"; fi
+failed=""
+for preset in $presets; do
+  echo "=== $preset ==="
+  cmake --preset "$preset" > /dev/null
+  cmake --build --preset "$preset" -j "$jobs"
+  # shellcheck disable=SC2086
+  if ! ctest --preset "$preset" -j "$jobs" $label; then failed="$failed $preset"; fi
+done
+if [ -n "$failed" ]; then
+  echo "FAILED in:$failed"
+  exit 1
+fi
+echo "all tests passed in: $presets"
