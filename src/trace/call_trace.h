@@ -40,8 +40,10 @@ extern const CCCB BlankCccb;
 //                      call's output arguments in the call's order. The
 //                      conversation ID counts as an output only for the
 //                      calls that hand one out (CMACCP, CMINIT, CMINIC,
-//                      CMWAIT, CMCHCK). For asynchronous completions these
-//                      are pResult1..pResult5 of the pending-call record.
+//                      CMWAIT, CMCHCK). An asynchronous completion
+//                      therefore passes &return_code, pResult1..pResult5 of
+//                      the pending-call record, and not abOpConvId: Receive
+//                      needs all five positions for its outputs.
 //
 // Per verb index ("-" = nothing after the return code is read; "(unread)"
 // marks positions kept only so that the call's order holds):
