@@ -63,7 +63,9 @@ int32_t SCC_issue_verb(CCCB *c, const CALL_RECORD &call, COMPLETION completion) 
   if (flag_get(c->fVerbWaiting) != 0) {
     // An earlier completion was never collected: this operation supersedes it.
     if (counter_get(g->NumVerbsWaiting) == 0) {
-      v0_assert(SRC_CPICUTIL, __LINE__, "(pGCB)->NumVerbsWaiting > 0");
+      v0_assert(call.assert_file != nullptr ? call.assert_file : SRC_CPICUTIL,
+                call.assert_line != 0 ? call.assert_line : __LINE__,
+                "(pGCB)->NumVerbsWaiting > 0");
     }
     flag_set(c->fVerbWaiting, 0);
     counter_sub(g->NumVerbsWaiting);
@@ -106,8 +108,8 @@ void SCC_completion_end(CCCB *c, uint32_t fAsync) {
     counter_add(g->NumVerbsWaiting);
   }
   if (api_trace_on()) {
-    seputrcp(3, trace_index, c, &return_code, c->abOpConvId, results[0], results[1],
-             results[2], results[3]);
+    seputrcp(3, trace_index, c, &return_code, results[0], results[1], results[2], results[3],
+             results[4]);
   }
   flag_sub(c->usOpsOutstanding);
   vpm_wakeup(g->hWaitObject);
