@@ -245,6 +245,95 @@ CM_ENTRY CMCNVI(unsigned char *buffer, CM_INT32 *length, CM_INT32 *return_code);
 CM_ENTRY cmterm(CM_INT32 *termination_type, CM_INT32 *return_code);
 CM_ENTRY CMTERM(CM_INT32 *termination_type, CM_INT32 *return_code);
 
+/* ---- Set calls: one characteristic each, checked and stored locally -- */
+
+/* Set_Conversation_Type: basic (0) or mapped (1); initialize state. */
+CM_ENTRY cmsct(unsigned char *conversation_ID, CM_INT32 *conversation_type, CM_INT32 *return_code);
+CM_ENTRY CMSCT(unsigned char *conversation_ID, CM_INT32 *conversation_type, CM_INT32 *return_code);
+/* Set_Deallocate_Type: 0 to 3; confirm needs a sync level. */
+CM_ENTRY cmsdt(unsigned char *conversation_ID, CM_INT32 *deallocate_type, CM_INT32 *return_code);
+CM_ENTRY CMSDT(unsigned char *conversation_ID, CM_INT32 *deallocate_type, CM_INT32 *return_code);
+/* Set_Error_Direction: receive error (0) or send error (1). */
+CM_ENTRY cmsed(unsigned char *conversation_ID, CM_INT32 *error_direction, CM_INT32 *return_code);
+CM_ENTRY CMSED(unsigned char *conversation_ID, CM_INT32 *error_direction, CM_INT32 *return_code);
+/* Set_Fill: LL (0) or buffer (1); basic conversations only. */
+CM_ENTRY cmsf(unsigned char *conversation_ID, CM_INT32 *fill, CM_INT32 *return_code);
+CM_ENTRY CMSF(unsigned char *conversation_ID, CM_INT32 *fill, CM_INT32 *return_code);
+/* Set_Log_Data: 0 clears, 1 to 512 bytes; basic conversations only. */
+CM_ENTRY cmsld(unsigned char *conversation_ID, unsigned char *log_data, CM_INT32 *log_data_length,
+               CM_INT32 *return_code);
+CM_ENTRY CMSLD(unsigned char *conversation_ID, unsigned char *log_data, CM_INT32 *log_data_length,
+               CM_INT32 *return_code);
+/* Set_Mode_Name: 0 to 8 characters; initialize state. */
+CM_ENTRY cmsmn(unsigned char *conversation_ID, unsigned char *mode_name, CM_INT32 *mode_name_length,
+               CM_INT32 *return_code);
+CM_ENTRY CMSMN(unsigned char *conversation_ID, unsigned char *mode_name, CM_INT32 *mode_name_length,
+               CM_INT32 *return_code);
+/* Set_Partner_LU_Name: an LU alias or NETID.LUNAME, 1 to 17 characters. */
+CM_ENTRY cmspln(unsigned char *conversation_ID, unsigned char *partner_LU_name,
+                CM_INT32 *partner_LU_name_length, CM_INT32 *return_code);
+CM_ENTRY CMSPLN(unsigned char *conversation_ID, unsigned char *partner_LU_name,
+                CM_INT32 *partner_LU_name_length, CM_INT32 *return_code);
+/* Set_Prepare_To_Receive_Type: 0 to 2; confirm needs a sync level. */
+CM_ENTRY cmsptr(unsigned char *conversation_ID, CM_INT32 *prepare_to_receive_type,
+                CM_INT32 *return_code);
+CM_ENTRY CMSPTR(unsigned char *conversation_ID, CM_INT32 *prepare_to_receive_type,
+                CM_INT32 *return_code);
+/* Set_Receive_Type: receive and wait (0) or immediate (1). */
+CM_ENTRY cmsrt(unsigned char *conversation_ID, CM_INT32 *receive_type, CM_INT32 *return_code);
+CM_ENTRY CMSRT(unsigned char *conversation_ID, CM_INT32 *receive_type, CM_INT32 *return_code);
+/* Set_Return_Control: 0 or 1; initialize state. */
+CM_ENTRY cmsrc(unsigned char *conversation_ID, CM_INT32 *return_control, CM_INT32 *return_code);
+CM_ENTRY CMSRC(unsigned char *conversation_ID, CM_INT32 *return_control, CM_INT32 *return_code);
+/* Set_Send_Type: 0 to 4; send and confirm needs a sync level. */
+CM_ENTRY cmsst(unsigned char *conversation_ID, CM_INT32 *send_type, CM_INT32 *return_code);
+CM_ENTRY CMSST(unsigned char *conversation_ID, CM_INT32 *send_type, CM_INT32 *return_code);
+/* Set_Sync_Level: none (0) or confirm (1); initialize state. */
+CM_ENTRY cmssl(unsigned char *conversation_ID, CM_INT32 *sync_level, CM_INT32 *return_code);
+CM_ENTRY CMSSL(unsigned char *conversation_ID, CM_INT32 *sync_level, CM_INT32 *return_code);
+/* Set_TP_Name: 1 to 64 characters; initialize state. */
+CM_ENTRY cmstpn(unsigned char *conversation_ID, unsigned char *TP_name, CM_INT32 *TP_name_length,
+                CM_INT32 *return_code);
+CM_ENTRY CMSTPN(unsigned char *conversation_ID, unsigned char *TP_name, CM_INT32 *TP_name_length,
+                CM_INT32 *return_code);
+/* Set_Local_LU_Name: an LU alias of 1 to 8 characters, 0 for none. */
+CM_ENTRY cmslln(unsigned char *conversation_ID, unsigned char *local_LU_name,
+                CM_INT32 *local_LU_name_length, CM_INT32 *return_code);
+CM_ENTRY CMSLLN(unsigned char *conversation_ID, unsigned char *local_LU_name,
+                CM_INT32 *local_LU_name_length, CM_INT32 *return_code);
+
+/* ---- Extract calls ---------------------------------------------------- */
+
+/* Extract_Sync_Level. */
+CM_ENTRY cmesl(unsigned char *conversation_ID, CM_INT32 *sync_level, CM_INT32 *return_code);
+CM_ENTRY CMESL(unsigned char *conversation_ID, CM_INT32 *sync_level, CM_INT32 *return_code);
+/* Extract_Conversation_Type. */
+CM_ENTRY cmect(unsigned char *conversation_ID, CM_INT32 *conversation_type, CM_INT32 *return_code);
+CM_ENTRY CMECT(unsigned char *conversation_ID, CM_INT32 *conversation_type, CM_INT32 *return_code);
+/* Extract_Mode_Name: up to 8 characters. */
+CM_ENTRY cmemn(unsigned char *conversation_ID, unsigned char *mode_name, CM_INT32 *mode_name_length,
+               CM_INT32 *return_code);
+CM_ENTRY CMEMN(unsigned char *conversation_ID, unsigned char *mode_name, CM_INT32 *mode_name_length,
+               CM_INT32 *return_code);
+/* Extract_Partner_LU_Name: up to 17 characters. */
+CM_ENTRY cmepln(unsigned char *conversation_ID, unsigned char *partner_LU_name,
+                CM_INT32 *partner_LU_name_length, CM_INT32 *return_code);
+CM_ENTRY CMEPLN(unsigned char *conversation_ID, unsigned char *partner_LU_name,
+                CM_INT32 *partner_LU_name_length, CM_INT32 *return_code);
+/* Extract_Local_LU_Name: writes 9 bytes (8 and a zero byte). */
+CM_ENTRY cmelln(unsigned char *conversation_ID, unsigned char *local_LU_name,
+                CM_INT32 *local_LU_name_length, CM_INT32 *return_code);
+CM_ENTRY CMELLN(unsigned char *conversation_ID, unsigned char *local_LU_name,
+                CM_INT32 *local_LU_name_length, CM_INT32 *return_code);
+/* Extract_TP_Name: up to 64 characters. */
+CM_ENTRY cmetpn(unsigned char *conversation_ID, unsigned char *TP_name, CM_INT32 *TP_name_length,
+                CM_INT32 *return_code);
+CM_ENTRY CMETPN(unsigned char *conversation_ID, unsigned char *TP_name, CM_INT32 *TP_name_length,
+                CM_INT32 *return_code);
+/* Extract_Conversation_State: asks the node once a conversation exists. */
+CM_ENTRY cmecs(unsigned char *conversation_ID, CM_INT32 *conversation_state, CM_INT32 *return_code);
+CM_ENTRY CMECS(unsigned char *conversation_ID, CM_INT32 *conversation_state, CM_INT32 *return_code);
+
 /* Version stamps of the library. */
 SNA_EXPORT char *ocpic_verstamp(void);
 SNA_EXPORT char *ocpic_verstamp_tvt(void);
