@@ -50,16 +50,20 @@ int lock_release_all() {
 struct WaitObject {
   bool signalled = false;
 };
-std::map<uint32_t, WaitObject> wait_objects;
+std::map<uint32_t, WaitObject> &wait_objects = *new std::map<uint32_t, WaitObject>;
 std::condition_variable wait_cv;
 uint32_t next_wait_object = 1;
+
+// Containers that refer to blocks the library keeps for the life of the
+// process live on the heap and are never destroyed, so that those blocks
+// stay reachable at exit and the leak checker reports only real leaks.
 
 // ---- Tables ----
 struct Table {
   std::map<uint32_t, void *> entries;
   uint32_t last = 0;
 };
-std::map<uint32_t, Table> tables;
+std::map<uint32_t, Table> &tables = *new std::map<uint32_t, Table>;
 uint32_t next_table = 1;
 
 // ---- Path users ----
@@ -67,11 +71,11 @@ struct PathUser {
   VPM_PATH_CALLBACK callback;
   void *path;
 };
-std::map<uint32_t, PathUser> path_users;
+std::map<uint32_t, PathUser> &path_users = *new std::map<uint32_t, PathUser>;
 uint32_t next_path_user = 1;
 
 // ---- Memory ----
-std::set<void *> live_blocks;
+std::set<void *> &live_blocks = *new std::set<void *>;
 int allocation_count = 0;
 int fail_alloc_countdown = 0;
 int fail_table_countdown = 0;
