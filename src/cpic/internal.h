@@ -104,6 +104,10 @@ struct CALL_RECORD {
   uint16_t usTraceIndex;
   const uint8_t *conversation_id;
   void *results[5];
+  // Where the engine's NumVerbsWaiting assertion says it stands: the
+  // issuing call's own file and line (engine's own when not given).
+  const char *assert_file = nullptr;
+  int assert_line = 0;
 };
 
 // Prepares the verb area for a conversation verb: clears it and fills the
