@@ -334,6 +334,118 @@ CM_ENTRY CMETPN(unsigned char *conversation_ID, unsigned char *TP_name, CM_INT32
 CM_ENTRY cmecs(unsigned char *conversation_ID, CM_INT32 *conversation_state, CM_INT32 *return_code);
 CM_ENTRY CMECS(unsigned char *conversation_ID, CM_INT32 *conversation_state, CM_INT32 *return_code);
 
+/* ---- Conversation security ------------------------------------------- */
+
+/* Set_Conversation_Security_Type: NONE, SAME, PROGRAM or PROGRAM_STRONG. */
+CM_ENTRY cmscst(unsigned char *conversation_ID, CM_INT32 *conversation_security_type,
+                CM_INT32 *return_code);
+CM_ENTRY CMSCST(unsigned char *conversation_ID, CM_INT32 *conversation_security_type,
+                CM_INT32 *return_code);
+/* Set_Conversation_Security_Type, extension name. */
+CM_ENTRY xcscst(unsigned char *conversation_ID, CM_INT32 *conversation_security_type,
+                CM_INT32 *return_code);
+CM_ENTRY XCSCST(unsigned char *conversation_ID, CM_INT32 *conversation_security_type,
+                CM_INT32 *return_code);
+/* Set_Conversation_Security_User_ID: 1 to 10 characters, after the type. */
+CM_ENTRY cmscsu(unsigned char *conversation_ID, unsigned char *user_ID, CM_INT32 *user_ID_length,
+                CM_INT32 *return_code);
+CM_ENTRY CMSCSU(unsigned char *conversation_ID, unsigned char *user_ID, CM_INT32 *user_ID_length,
+                CM_INT32 *return_code);
+/* Set_Conversation_Security_User_ID, extension name. */
+CM_ENTRY xcscsu(unsigned char *conversation_ID, unsigned char *user_ID, CM_INT32 *user_ID_length,
+                CM_INT32 *return_code);
+CM_ENTRY XCSCSU(unsigned char *conversation_ID, unsigned char *user_ID, CM_INT32 *user_ID_length,
+                CM_INT32 *return_code);
+/* Set_Conversation_Security_Password: 1 to 10 characters, type PROGRAM. */
+CM_ENTRY cmscsp(unsigned char *conversation_ID, unsigned char *password, CM_INT32 *password_length,
+                CM_INT32 *return_code);
+CM_ENTRY CMSCSP(unsigned char *conversation_ID, unsigned char *password, CM_INT32 *password_length,
+                CM_INT32 *return_code);
+/* Set_Conversation_Security_Password, extension name. */
+CM_ENTRY xcscsp(unsigned char *conversation_ID, unsigned char *password, CM_INT32 *password_length,
+                CM_INT32 *return_code);
+CM_ENTRY XCSCSP(unsigned char *conversation_ID, unsigned char *password, CM_INT32 *password_length,
+                CM_INT32 *return_code);
+/* Extract_Conversation_Security_Type. */
+CM_ENTRY cmecst(unsigned char *conversation_ID, CM_INT32 *conversation_security_type,
+                CM_INT32 *return_code);
+CM_ENTRY CMECST(unsigned char *conversation_ID, CM_INT32 *conversation_security_type,
+                CM_INT32 *return_code);
+/* Extract_Conversation_Security_Type, extension name. */
+CM_ENTRY xcecst(unsigned char *conversation_ID, CM_INT32 *conversation_security_type,
+                CM_INT32 *return_code);
+CM_ENTRY XCECST(unsigned char *conversation_ID, CM_INT32 *conversation_security_type,
+                CM_INT32 *return_code);
+/* Extract_Conversation_Security_User_ID: at most 8 characters copied. */
+CM_ENTRY cmecsu(unsigned char *conversation_ID, unsigned char *user_ID, CM_INT32 *user_ID_length,
+                CM_INT32 *return_code);
+CM_ENTRY CMECSU(unsigned char *conversation_ID, unsigned char *user_ID, CM_INT32 *user_ID_length,
+                CM_INT32 *return_code);
+/* Extract_Conversation_Security_User_ID, extension name. */
+CM_ENTRY xcecsu(unsigned char *conversation_ID, unsigned char *user_ID, CM_INT32 *user_ID_length,
+                CM_INT32 *return_code);
+CM_ENTRY XCECSU(unsigned char *conversation_ID, unsigned char *user_ID, CM_INT32 *user_ID_length,
+                CM_INT32 *return_code);
+/* Extract_Security_User_ID: up to 10 characters copied. */
+CM_ENTRY cmesui(unsigned char *conversation_ID, unsigned char *user_ID, CM_INT32 *user_ID_length,
+                CM_INT32 *return_code);
+CM_ENTRY CMESUI(unsigned char *conversation_ID, unsigned char *user_ID, CM_INT32 *user_ID_length,
+                CM_INT32 *return_code);
+
+/* ---- Side information of this process --------------------------------- */
+
+/* The application's side-information entry: ASCII, blank-padded. */
+typedef struct XC_SIDE_INFO_ENTRY {
+  unsigned char sym_dest_name[8];
+  unsigned char partner_LU_name[17]; /* LU alias, or NETID.LUNAME */
+  unsigned char reserved[3];
+  CM_INT32 TP_name_type;             /* XC_APPLICATION_TP, XC_SNA_SERVICE_TP */
+  unsigned char TP_name[64];         /* service TP: first byte raw */
+  unsigned char mode_name[8];
+  CM_INT32 conversation_security_type;
+  unsigned char security_user_ID[8];
+  unsigned char security_password[8];
+} XC_SIDE_INFO_ENTRY;
+
+#ifdef __cplusplus
+#define CPIC_STATIC_ASSERT(e, m) static_assert(e, m)
+#else
+#define CPIC_STATIC_ASSERT(e, m) _Static_assert(e, m)
+#endif
+CPIC_STATIC_ASSERT(sizeof(XC_SIDE_INFO_ENTRY) == 124, "XC_SIDE_INFO_ENTRY size");
+CPIC_STATIC_ASSERT(__builtin_offsetof(XC_SIDE_INFO_ENTRY, partner_LU_name) == 8, "partner_LU_name");
+CPIC_STATIC_ASSERT(__builtin_offsetof(XC_SIDE_INFO_ENTRY, TP_name_type) == 28, "TP_name_type");
+CPIC_STATIC_ASSERT(__builtin_offsetof(XC_SIDE_INFO_ENTRY, TP_name) == 32, "TP_name");
+CPIC_STATIC_ASSERT(__builtin_offsetof(XC_SIDE_INFO_ENTRY, mode_name) == 96, "mode_name");
+CPIC_STATIC_ASSERT(__builtin_offsetof(XC_SIDE_INFO_ENTRY, conversation_security_type) == 104,
+                   "conversation_security_type");
+CPIC_STATIC_ASSERT(__builtin_offsetof(XC_SIDE_INFO_ENTRY, security_user_ID) == 108, "security_user_ID");
+CPIC_STATIC_ASSERT(__builtin_offsetof(XC_SIDE_INFO_ENTRY, security_password) == 116, "security_password");
+#undef CPIC_STATIC_ASSERT
+
+/* Set_CPIC_Side_Information: adds or replaces an entry (length 124). */
+CM_ENTRY xcmssi(CM_INT32 *key, XC_SIDE_INFO_ENTRY *side_info_entry,
+                CM_INT32 *side_info_entry_length, CM_INT32 *return_code);
+CM_ENTRY XCMSSI(CM_INT32 *key, XC_SIDE_INFO_ENTRY *side_info_entry,
+                CM_INT32 *side_info_entry_length, CM_INT32 *return_code);
+/* Extract_CPIC_Side_Information: the entry of a name; no password. */
+CM_ENTRY xcmesi(CM_INT32 *key, unsigned char *sym_dest_name, XC_SIDE_INFO_ENTRY *side_info_entry,
+                CM_INT32 *side_info_entry_length, CM_INT32 *return_code);
+CM_ENTRY XCMESI(CM_INT32 *key, unsigned char *sym_dest_name, XC_SIDE_INFO_ENTRY *side_info_entry,
+                CM_INT32 *side_info_entry_length, CM_INT32 *return_code);
+/* Delete_CPIC_Side_Information: hides the name from this process. */
+CM_ENTRY xcmdsi(CM_INT32 *key, unsigned char *sym_dest_name, CM_INT32 *return_code);
+CM_ENTRY XCMDSI(CM_INT32 *key, unsigned char *sym_dest_name, CM_INT32 *return_code);
+
+/* ---- Local TP names ---------------------------------------------------- */
+
+/* Specify_Local_TP_Name: registers a name (1 to 64 characters). */
+CM_ENTRY cmsltp(unsigned char *TP_name, CM_INT32 *TP_name_length, CM_INT32 *return_code);
+CM_ENTRY CMSLTP(unsigned char *TP_name, CM_INT32 *TP_name_length, CM_INT32 *return_code);
+/* Release_Local_TP_Name: withdraws a registered name. */
+CM_ENTRY cmrltp(unsigned char *TP_name, CM_INT32 *TP_name_length, CM_INT32 *return_code);
+CM_ENTRY CMRLTP(unsigned char *TP_name, CM_INT32 *TP_name_length, CM_INT32 *return_code);
+
 /* Version stamps of the library. */
 SNA_EXPORT char *ocpic_verstamp(void);
 SNA_EXPORT char *ocpic_verstamp_tvt(void);

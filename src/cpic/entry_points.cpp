@@ -88,4 +88,53 @@ SNA_EXPORT void CMECS(unsigned char *conversation_ID, CM_INT32 *conversation_sta
   cmecs(conversation_ID, conversation_state, return_code);
 }
 
+SNA_EXPORT void CMSCST(unsigned char *conversation_ID, CM_INT32 *conversation_security_type, CM_INT32 *return_code) {
+  cmscst(conversation_ID, conversation_security_type, return_code);
+}
+SNA_EXPORT void XCSCST(unsigned char *conversation_ID, CM_INT32 *conversation_security_type, CM_INT32 *return_code) {
+  xcscst(conversation_ID, conversation_security_type, return_code);
+}
+SNA_EXPORT void CMSCSU(unsigned char *conversation_ID, unsigned char *user_ID, CM_INT32 *user_ID_length, CM_INT32 *return_code) {
+  cmscsu(conversation_ID, user_ID, user_ID_length, return_code);
+}
+SNA_EXPORT void XCSCSU(unsigned char *conversation_ID, unsigned char *user_ID, CM_INT32 *user_ID_length, CM_INT32 *return_code) {
+  xcscsu(conversation_ID, user_ID, user_ID_length, return_code);
+}
+SNA_EXPORT void CMSCSP(unsigned char *conversation_ID, unsigned char *password, CM_INT32 *password_length, CM_INT32 *return_code) {
+  cmscsp(conversation_ID, password, password_length, return_code);
+}
+SNA_EXPORT void XCSCSP(unsigned char *conversation_ID, unsigned char *password, CM_INT32 *password_length, CM_INT32 *return_code) {
+  xcscsp(conversation_ID, password, password_length, return_code);
+}
+SNA_EXPORT void CMECST(unsigned char *conversation_ID, CM_INT32 *conversation_security_type, CM_INT32 *return_code) {
+  cmecst(conversation_ID, conversation_security_type, return_code);
+}
+SNA_EXPORT void XCECST(unsigned char *conversation_ID, CM_INT32 *conversation_security_type, CM_INT32 *return_code) {
+  xcecst(conversation_ID, conversation_security_type, return_code);
+}
+SNA_EXPORT void CMECSU(unsigned char *conversation_ID, unsigned char *user_ID, CM_INT32 *user_ID_length, CM_INT32 *return_code) {
+  cmecsu(conversation_ID, user_ID, user_ID_length, return_code);
+}
+SNA_EXPORT void XCECSU(unsigned char *conversation_ID, unsigned char *user_ID, CM_INT32 *user_ID_length, CM_INT32 *return_code) {
+  xcecsu(conversation_ID, user_ID, user_ID_length, return_code);
+}
+SNA_EXPORT void CMESUI(unsigned char *conversation_ID, unsigned char *user_ID, CM_INT32 *user_ID_length, CM_INT32 *return_code) {
+  cmesui(conversation_ID, user_ID, user_ID_length, return_code);
+}
+SNA_EXPORT void XCMSSI(CM_INT32 *key, XC_SIDE_INFO_ENTRY *side_info_entry, CM_INT32 *side_info_entry_length, CM_INT32 *return_code) {
+  xcmssi(key, side_info_entry, side_info_entry_length, return_code);
+}
+SNA_EXPORT void XCMESI(CM_INT32 *key, unsigned char *sym_dest_name, XC_SIDE_INFO_ENTRY *side_info_entry, CM_INT32 *side_info_entry_length, CM_INT32 *return_code) {
+  xcmesi(key, sym_dest_name, side_info_entry, side_info_entry_length, return_code);
+}
+SNA_EXPORT void XCMDSI(CM_INT32 *key, unsigned char *sym_dest_name, CM_INT32 *return_code) {
+  xcmdsi(key, sym_dest_name, return_code);
+}
+SNA_EXPORT void CMSLTP(unsigned char *TP_name, CM_INT32 *TP_name_length, CM_INT32 *return_code) {
+  cmsltp(TP_name, TP_name_length, return_code);
+}
+SNA_EXPORT void CMRLTP(unsigned char *TP_name, CM_INT32 *TP_name_length, CM_INT32 *return_code) {
+  cmrltp(TP_name, TP_name_length, return_code);
+}
+
 }  // extern "C"
