@@ -334,6 +334,102 @@ CM_ENTRY CMETPN(unsigned char *conversation_ID, unsigned char *TP_name, CM_INT32
 CM_ENTRY cmecs(unsigned char *conversation_ID, CM_INT32 *conversation_state, CM_INT32 *return_code);
 CM_ENTRY CMECS(unsigned char *conversation_ID, CM_INT32 *conversation_state, CM_INT32 *return_code);
 
+/* Allocate: starts the conversation with the partner named by its
+ * characteristics. */
+CM_ENTRY cmallc(unsigned char *conversation_ID, CM_INT32 *return_code);
+CM_ENTRY CMALLC(unsigned char *conversation_ID, CM_INT32 *return_code);
+
+/* Accept_Conversation: takes an incoming allocation into a new conversation. */
+CM_ENTRY cmaccp(unsigned char *conversation_ID, CM_INT32 *return_code);
+CM_ENTRY CMACCP(unsigned char *conversation_ID, CM_INT32 *return_code);
+
+/* Accept_Incoming: takes an incoming allocation into a conversation made by
+ * Initialize_For_Incoming. */
+CM_ENTRY cmacci(unsigned char *conversation_ID, CM_INT32 *return_code);
+CM_ENTRY CMACCI(unsigned char *conversation_ID, CM_INT32 *return_code);
+
+/* Deallocate: ends the conversation as its deallocate type says. */
+CM_ENTRY cmdeal(unsigned char *conversation_ID, CM_INT32 *return_code);
+CM_ENTRY CMDEAL(unsigned char *conversation_ID, CM_INT32 *return_code);
+
+/* Send_Data: sends one buffer (0 to 32767 bytes) as the send type says. */
+CM_ENTRY cmsend(unsigned char *conversation_ID, unsigned char *buffer, CM_INT32 *send_length,
+                CM_INT32 *request_to_send_received, CM_INT32 *return_code);
+CM_ENTRY CMSEND(unsigned char *conversation_ID, unsigned char *buffer, CM_INT32 *send_length,
+                CM_INT32 *request_to_send_received, CM_INT32 *return_code);
+
+/* Receive: receives data and status into the buffer (0 to 32767 bytes). */
+CM_ENTRY cmrcv(unsigned char *conversation_ID, unsigned char *buffer, CM_INT32 *requested_length,
+               CM_INT32 *data_received, CM_INT32 *received_length, CM_INT32 *status_received,
+               CM_INT32 *request_to_send_received, CM_INT32 *return_code);
+CM_ENTRY CMRCV(unsigned char *conversation_ID, unsigned char *buffer, CM_INT32 *requested_length,
+               CM_INT32 *data_received, CM_INT32 *received_length, CM_INT32 *status_received,
+               CM_INT32 *request_to_send_received, CM_INT32 *return_code);
+
+/* Confirm: asks the partner to confirm the data sent. */
+CM_ENTRY cmcfm(unsigned char *conversation_ID, CM_INT32 *request_to_send_received,
+               CM_INT32 *return_code);
+CM_ENTRY CMCFM(unsigned char *conversation_ID, CM_INT32 *request_to_send_received,
+               CM_INT32 *return_code);
+
+/* Confirmed: answers the partner's confirmation request positively. */
+CM_ENTRY cmcfmd(unsigned char *conversation_ID, CM_INT32 *return_code);
+CM_ENTRY CMCFMD(unsigned char *conversation_ID, CM_INT32 *return_code);
+
+/* Flush: sends whatever data is buffered. */
+CM_ENTRY cmflus(unsigned char *conversation_ID, CM_INT32 *return_code);
+CM_ENTRY CMFLUS(unsigned char *conversation_ID, CM_INT32 *return_code);
+
+/* Prepare_To_Receive: gives the partner the right to send. */
+CM_ENTRY cmptr(unsigned char *conversation_ID, CM_INT32 *return_code);
+CM_ENTRY CMPTR(unsigned char *conversation_ID, CM_INT32 *return_code);
+
+/* Request_To_Send: asks the partner for the right to send. */
+CM_ENTRY cmrts(unsigned char *conversation_ID, CM_INT32 *return_code);
+CM_ENTRY CMRTS(unsigned char *conversation_ID, CM_INT32 *return_code);
+
+/* Send_Error: reports an error to the partner. */
+CM_ENTRY cmserr(unsigned char *conversation_ID, CM_INT32 *request_to_send_received,
+                CM_INT32 *return_code);
+CM_ENTRY CMSERR(unsigned char *conversation_ID, CM_INT32 *request_to_send_received,
+                CM_INT32 *return_code);
+
+/* Test_Request_To_Send_Received: whether the partner asked to send. */
+CM_ENTRY cmtrts(unsigned char *conversation_ID, CM_INT32 *request_to_send_received,
+                CM_INT32 *return_code);
+CM_ENTRY CMTRTS(unsigned char *conversation_ID, CM_INT32 *request_to_send_received,
+                CM_INT32 *return_code);
+
+/* Wait_For_Conversation: waits for a non-blocking call to complete and
+ * collects it. */
+CM_ENTRY cmwait(unsigned char *conversation_ID, CM_INT32 *conversation_return_code,
+                CM_INT32 *return_code);
+CM_ENTRY CMWAIT(unsigned char *conversation_ID, CM_INT32 *conversation_return_code,
+                CM_INT32 *return_code);
+
+/* Check: the conversation of a completed non-blocking call, without waiting
+ * or collecting it. */
+CM_ENTRY cmchck(unsigned char *conversation_ID, CM_INT32 *return_code);
+CM_ENTRY CMCHCK(unsigned char *conversation_ID, CM_INT32 *return_code);
+
+/* Cancel_Conversation: ends the conversation and its outstanding call. */
+CM_ENTRY cmcanc(unsigned char *conversation_ID, CM_INT32 *return_code);
+CM_ENTRY CMCANC(unsigned char *conversation_ID, CM_INT32 *return_code);
+
+/* Set context: makes a known TP id (8 bytes) the current context. */
+CM_ENTRY cmsctx(unsigned char *context_ID, CM_INT32 *context_ID_length, CM_INT32 *return_code);
+CM_ENTRY CMSCTX(unsigned char *context_ID, CM_INT32 *context_ID_length, CM_INT32 *return_code);
+
+/* Extract context: the conversation's TP id (8 bytes). */
+CM_ENTRY cmectx(unsigned char *conversation_ID, unsigned char *context_ID,
+                CM_INT32 *context_ID_length, CM_INT32 *return_code);
+CM_ENTRY CMECTX(unsigned char *conversation_ID, unsigned char *context_ID,
+                CM_INT32 *context_ID_length, CM_INT32 *return_code);
+
+/* Set_Processing_Mode: blocking (0) or non-blocking (1) completion. */
+CM_ENTRY cmspm(unsigned char *conversation_ID, CM_INT32 *processing_mode, CM_INT32 *return_code);
+CM_ENTRY CMSPM(unsigned char *conversation_ID, CM_INT32 *processing_mode, CM_INT32 *return_code);
+
 /* ---- Conversation security ------------------------------------------- */
 
 /* Set_Conversation_Security_Type: NONE, SAME, PROGRAM or PROGRAM_STRONG. */

@@ -88,6 +88,65 @@ SNA_EXPORT void CMECS(unsigned char *conversation_ID, CM_INT32 *conversation_sta
   cmecs(conversation_ID, conversation_state, return_code);
 }
 
+// Conversation calls.
+SNA_EXPORT void CMALLC(unsigned char *conversation_ID, CM_INT32 *return_code) {
+  cmallc(conversation_ID, return_code);
+}
+SNA_EXPORT void CMACCP(unsigned char *conversation_ID, CM_INT32 *return_code) {
+  cmaccp(conversation_ID, return_code);
+}
+SNA_EXPORT void CMACCI(unsigned char *conversation_ID, CM_INT32 *return_code) {
+  cmacci(conversation_ID, return_code);
+}
+SNA_EXPORT void CMDEAL(unsigned char *conversation_ID, CM_INT32 *return_code) {
+  cmdeal(conversation_ID, return_code);
+}
+SNA_EXPORT void CMSEND(unsigned char *conversation_ID, unsigned char *buffer, CM_INT32 *send_length, CM_INT32 *request_to_send_received, CM_INT32 *return_code) {
+  cmsend(conversation_ID, buffer, send_length, request_to_send_received, return_code);
+}
+SNA_EXPORT void CMRCV(unsigned char *conversation_ID, unsigned char *buffer, CM_INT32 *requested_length, CM_INT32 *data_received, CM_INT32 *received_length, CM_INT32 *status_received, CM_INT32 *request_to_send_received, CM_INT32 *return_code) {
+  cmrcv(conversation_ID, buffer, requested_length, data_received, received_length, status_received, request_to_send_received, return_code);
+}
+SNA_EXPORT void CMCFM(unsigned char *conversation_ID, CM_INT32 *request_to_send_received, CM_INT32 *return_code) {
+  cmcfm(conversation_ID, request_to_send_received, return_code);
+}
+SNA_EXPORT void CMCFMD(unsigned char *conversation_ID, CM_INT32 *return_code) {
+  cmcfmd(conversation_ID, return_code);
+}
+SNA_EXPORT void CMFLUS(unsigned char *conversation_ID, CM_INT32 *return_code) {
+  cmflus(conversation_ID, return_code);
+}
+SNA_EXPORT void CMPTR(unsigned char *conversation_ID, CM_INT32 *return_code) {
+  cmptr(conversation_ID, return_code);
+}
+SNA_EXPORT void CMRTS(unsigned char *conversation_ID, CM_INT32 *return_code) {
+  cmrts(conversation_ID, return_code);
+}
+SNA_EXPORT void CMSERR(unsigned char *conversation_ID, CM_INT32 *request_to_send_received, CM_INT32 *return_code) {
+  cmserr(conversation_ID, request_to_send_received, return_code);
+}
+SNA_EXPORT void CMTRTS(unsigned char *conversation_ID, CM_INT32 *request_to_send_received, CM_INT32 *return_code) {
+  cmtrts(conversation_ID, request_to_send_received, return_code);
+}
+SNA_EXPORT void CMWAIT(unsigned char *conversation_ID, CM_INT32 *conversation_return_code, CM_INT32 *return_code) {
+  cmwait(conversation_ID, conversation_return_code, return_code);
+}
+SNA_EXPORT void CMCHCK(unsigned char *conversation_ID, CM_INT32 *return_code) {
+  cmchck(conversation_ID, return_code);
+}
+SNA_EXPORT void CMCANC(unsigned char *conversation_ID, CM_INT32 *return_code) {
+  cmcanc(conversation_ID, return_code);
+}
+SNA_EXPORT void CMSCTX(unsigned char *context_ID, CM_INT32 *context_ID_length, CM_INT32 *return_code) {
+  cmsctx(context_ID, context_ID_length, return_code);
+}
+SNA_EXPORT void CMECTX(unsigned char *conversation_ID, unsigned char *context_ID, CM_INT32 *context_ID_length, CM_INT32 *return_code) {
+  cmectx(conversation_ID, context_ID, context_ID_length, return_code);
+}
+SNA_EXPORT void CMSPM(unsigned char *conversation_ID, CM_INT32 *processing_mode, CM_INT32 *return_code) {
+  cmspm(conversation_ID, processing_mode, return_code);
+}
+
 SNA_EXPORT void CMSCST(unsigned char *conversation_ID, CM_INT32 *conversation_security_type, CM_INT32 *return_code) {
   cmscst(conversation_ID, conversation_security_type, return_code);
 }

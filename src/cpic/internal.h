@@ -126,6 +126,49 @@ void SCC_release_if_done(CCCB *cccb);
 void SCC_null_callback(void *vcb, uint32_t a, uint32_t b, uint32_t correlator);
 int SCC_path_callback(void *path, VPM_PATH_EVENT *event);
 
+// ---- Conversation calls (allocate_call.cpp ... context_calls.cpp) ----
+// Source names of the conversation calls' assertion records.
+constexpr const char *SRC_CPICCAL1 = "../../p/vcpic/cpiccal1";
+constexpr const char *SRC_CPICCAL2 = "../../p/vcpic/cpiccal2";
+constexpr const char *SRC_CPICCAL3 = "../../p/vcpic/cpiccal3";
+
+void cmallc_cb(void *vcb, uint32_t a, uint32_t b, uint32_t fAsync);
+void cmaccp_cb(void *vcb, uint32_t a, uint32_t b, uint32_t fAsync);
+void cmacci_cb(void *vcb, uint32_t a, uint32_t b, uint32_t fAsync);
+void cmdeal_cb(void *vcb, uint32_t a, uint32_t b, uint32_t fAsync);
+void cmcfm_cb(void *vcb, uint32_t a, uint32_t b, uint32_t fAsync);
+void cmcfmd_cb(void *vcb, uint32_t a, uint32_t b, uint32_t fAsync);
+void cmsend_cb(void *vcb, uint32_t a, uint32_t b, uint32_t fAsync);
+void cmrcv_cb(void *vcb, uint32_t a, uint32_t b, uint32_t fAsync);
+void cmflus_cb(void *vcb, uint32_t a, uint32_t b, uint32_t fAsync);
+void cmptr_cb(void *vcb, uint32_t a, uint32_t b, uint32_t fAsync);
+void cmrts_cb(void *vcb, uint32_t a, uint32_t b, uint32_t fAsync);
+void cmserr_cb(void *vcb, uint32_t a, uint32_t b, uint32_t fAsync);
+void cmtrts_cb(void *vcb, uint32_t a, uint32_t b, uint32_t fAsync);
+void cmcanc_cb(void *vcb, uint32_t a, uint32_t b, uint32_t wait_object);
+
+// Incoming allocation (accept_calls.cpp).
+int32_t SCC_inbound_get_cccb(CCCB **cccb_out, uint8_t *conversation_id_out);
+int32_t SCC_inbound_issue_verb(CCCB *cccb, uint16_t trace_index, COMPLETION completion,
+                               uint16_t non_blocking, uint16_t free_on_error,
+                               const uint8_t *conversation_id, int32_t *return_code);
+void SCC_inbound_process_verb(CCCB *cccb, uint32_t fAsync, uint16_t accept_conversation);
+
+// Contexts (context_calls.cpp): 1 when a conversation or the current
+// context holds this TP id.
+uint16_t SCC_context_valid(const uint8_t *context_id, CCCB **cccb_out);
+
+// The checks every conversation verb starts with: known conversation (else
+// the unknown-ID record with sub_code and 24), nothing outstanding (37), a
+// node conversation (25). Null when the call must stop; return_code is set.
+CCCB *SCC_conversation_for_verb(const uint8_t *conversation_id, int32_t *return_code,
+                                uint32_t sub_code);
+// The response record of a call, with the conversation found again (it may
+// be gone by now).
+void SCC_trace_response(uint32_t verb, const uint8_t *conversation_id, const int32_t *return_code,
+                        const void *a5, const void *a6, const void *a7, const void *a8,
+                        const void *a9);
+
 // ---- Termination (termination.cpp) ----
 void SCC_context_ended(const uint8_t *tp_id, uint8_t end_type, uint16_t *primary_out,
                        uint32_t *secondary_out);
