@@ -586,7 +586,9 @@ TEST_P(FullConversation, AllocateSendReceiveConfirmPrepareDeallocate) {
       EXPECT_EQ(verb(i).had_callback, nb) << i;
       EXPECT_EQ(bytes(verb(i).bytes.data() + 12, 8), bytes(kTp, 8)) << i;
     }
-    if (i >= 2 && i <= 7) EXPECT_EQ(at32(verb(i).bytes, 20), 0x3000u) << i;
+    if (i >= 2 && i <= 7) {
+      EXPECT_EQ(at32(verb(i).bytes, 20), 0x3000u) << i;
+    }
   }
   EXPECT_EQ(counter_get(pGCB->NumVerbsInProgress), 0u);
   EXPECT_EQ(counter_get(pGCB->NumVerbsWaiting), 0u);
