@@ -69,7 +69,9 @@ std::string service_safe_name(const Bytes& name) {
 }  // namespace
 
 bool Node::mode_defined(const Name8& mode, bool& refused) const {
-  const std::string m = ebcdic_text(mode);
+  // A cleared block (all zeros) names the blank mode, as all 0x40 does.
+  const bool cleared = std::all_of(mode.begin(), mode.end(), [](uint8_t b) { return b == 0; });
+  const std::string m = cleared ? std::string() : ebcdic_text(mode);
   refused = m == "SNASVCMG" || m == "CPSVCMG";
   if (refused) return false;
   if (m.empty() || m == "#INTER" || m == "#INTERSC" || m == "#BATCH" || m == "#BATCHSC") return true;
