@@ -50,6 +50,25 @@ void nof_close(const NodeOperatorSession &session) {
   nof_version(2, session.target, &close);
 }
 
+// One question to the node: open, query the name, close. false (after the
+// connection-failure record with the caller's sub-code) when the node
+// could not be reached; the answer is then undefined.
+bool ask_node(const uint8_t *name, uint32_t open_failure_sub_code, NOF_QUERY_RECORD &query,
+              NOF_SIDE_INFO_ENTRY &response) {
+  NodeOperatorSession session;
+  if (!nof_open(session)) {
+    nba_pd_print_problem(MSG_NOF_CONNECT_FAILED, open_failure_sub_code, "");
+    return false;
+  }
+  nof_query(session, name, query, response);
+  nof_close(session);
+  return true;
+}
+
+bool node_has_no_entry(const NOF_QUERY_RECORD &query) {
+  return query.primary_rc == kNofNoEntryPrimary && query.secondary_rc == kNofNoEntrySecondary;
+}
+
 // Adds an element to the process table. 0 on success, else which step
 // failed: 1 no memory, 2 no free table entry.
 int add_element(const SIDE_INFO *entry, uint16_t state, const uint8_t *name_only) {
@@ -167,25 +186,14 @@ int32_t SCD_lookup(SIDE_INFO *entry) {
     *entry = e->si;
     return CM_OK;
   }
-  NodeOperatorSession session;
-  if (!nof_open(session)) {
-    nba_pd_print_problem(MSG_NOF_CONNECT_FAILED, 0, "");
-    return CM_PRODUCT_SPECIFIC_ERROR;
-  }
   NOF_QUERY_RECORD query;
   NOF_SIDE_INFO_ENTRY response;
-  nof_query(session, entry->abSymDestName, query, response);
-  int32_t rc;
+  if (!ask_node(entry->abSymDestName, 0, query, response)) return CM_PRODUCT_SPECIFIC_ERROR;
   if (query.primary_rc == 0) {
     SCD_read_nof_response(entry, &response);
-    rc = CM_OK;
-  } else if (query.primary_rc == kNofNoEntryPrimary && query.secondary_rc == kNofNoEntrySecondary) {
-    rc = CM_PROGRAM_PARAMETER_CHECK;
-  } else {
-    rc = CM_PRODUCT_SPECIFIC_ERROR;
+    return CM_OK;
   }
-  nof_close(session);
-  return rc;
+  return node_has_no_entry(query) ? CM_PROGRAM_PARAMETER_CHECK : CM_PRODUCT_SPECIFIC_ERROR;
 }
 
 int32_t SCD_set(const SIDE_INFO *entry) {
@@ -209,30 +217,20 @@ int32_t SCD_delete(const SIDE_INFO *entry) {
     e->usState = 0;
     return CM_OK;
   }
-  NodeOperatorSession session;
-  if (!nof_open(session)) {
-    nba_pd_print_problem(MSG_NOF_CONNECT_FAILED, 1, "");
-    return CM_PRODUCT_SPECIFIC_ERROR;
-  }
   NOF_QUERY_RECORD query;
   NOF_SIDE_INFO_ENTRY response;
-  nof_query(session, entry->abSymDestName, query, response);
-  int32_t rc;
+  if (!ask_node(entry->abSymDestName, 1, query, response)) return CM_PRODUCT_SPECIFIC_ERROR;
   if (query.primary_rc == 0) {
     // A tombstone hides the node's entry from this process only.
     switch (add_element(nullptr, 0, entry->abSymDestName)) {
-      case 0: rc = CM_OK; break;
-      case 1: nba_pd_print_problem(MSG_RESOURCE_SHORTAGE, 3, ""); rc = CM_PRODUCT_SPECIFIC_ERROR; break;
-      default: nba_pd_print_problem(MSG_RESOURCE_SHORTAGE, 4, ""); rc = CM_PRODUCT_SPECIFIC_ERROR; break;
+      case 0: return CM_OK;
+      case 1: nba_pd_print_problem(MSG_RESOURCE_SHORTAGE, 3, ""); return CM_PRODUCT_SPECIFIC_ERROR;
+      default: nba_pd_print_problem(MSG_RESOURCE_SHORTAGE, 4, ""); return CM_PRODUCT_SPECIFIC_ERROR;
     }
-  } else if (query.primary_rc == kNofNoEntryPrimary && query.secondary_rc == kNofNoEntrySecondary) {
-    rc = CM_PROGRAM_PARAMETER_CHECK;
-  } else {
-    nba_pd_print_problem(MSG_UNEXPECTED_NOF_RC, 1, "x lx", query.primary_rc, query.secondary_rc);
-    rc = CM_PRODUCT_SPECIFIC_ERROR;
   }
-  nof_close(session);
-  return rc;
+  if (node_has_no_entry(query)) return CM_PROGRAM_PARAMETER_CHECK;
+  nba_pd_print_problem(MSG_UNEXPECTED_NOF_RC, 1, "x lx", query.primary_rc, query.secondary_rc);
+  return CM_PRODUCT_SPECIFIC_ERROR;
 }
 
 int32_t SCD_main(uint32_t operation, SIDE_INFO *entry) {
