@@ -1,13 +1,14 @@
 #!/bin/sh
-# Builds and runs every test: i386 (the reference word size), x86_64, and
-# x86_64 again under AddressSanitizer and UndefinedBehaviorSanitizer.
+# Builds and runs every test: i386 (the reference word size), x86_64,
+# x86_64 again under AddressSanitizer and UndefinedBehaviorSanitizer, and
+# once more under ThreadSanitizer (completions arrive on the node's thread).
 #   scripts/test-all.sh          everything
 #   scripts/test-all.sh --quick  x86_64 only, the quick label only
 set -eu
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 jobs=$(nproc)
-presets="i386 x86_64 asan"
+presets="i386 x86_64 asan tsan"
 label=""
 if [ "${1:-}" = "--quick" ]; then presets="x86_64"; label="-L quick"; fi
 failed=""

@@ -3,6 +3,8 @@
 // with its last conversation, and the node-lost path event.
 #include <gtest/gtest.h>
 
+#include <atomic>
+
 #include "counters.h"
 #include "fixtures.h"
 
@@ -11,8 +13,8 @@ using namespace cpictest;
 
 namespace {
 
-int completions = 0;
-uint32_t last_fasync = 99;
+std::atomic<int> completions{0};
+std::atomic<uint32_t> last_fasync{99};
 
 // A completion routine of the shape every call's routine has.
 void test_cb(void *block, uint32_t, uint32_t, uint32_t fAsync) {
