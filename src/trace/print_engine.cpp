@@ -144,7 +144,7 @@ int run_engine(char *dest, uint32_t limit, const char *fmt, WordSource src) {
     while (!done) {
       unsigned char c = static_cast<unsigned char>(*fmt);
       if (c == '\0') {
-        // The format ends inside the specification; the end is not consumed.
+        // The format ends inside a conversion; the end is not consumed.
         if (s.lng || s.uselong) {
           if (!put_signed(out, s, src)) return out.count;
         } else {
