@@ -109,6 +109,9 @@ class Node {
   void verb_deallocate(End& e, ClientId c, uint64_t tag, const Verb& v);
   bool report_waiting(const End& e) const;
   VerbResult take_report(End& e);
+  // Completes a verb with the report waiting for this end, deleting the end
+  // when that report ended the conversation.
+  void complete_with_report(End& e, ClientId c, uint64_t tag, const Verb& v);
   void wait_for_reply(End& e, ClientId c, uint64_t tag, const Verb& v, bool delete_on_ok,
                       ConvState ok_state);
   uint8_t take_rts(End& e);

@@ -80,6 +80,15 @@ VerbResult Node::take_report(End& e) {
   return r;
 }
 
+void Node::complete_with_report(End& e, ClientId c, uint64_t tag, const Verb& v) {
+  const uint32_t conv = e.conv_id;
+  VerbResult r = take_report(e);
+  const bool gone = r.state == 0xFF;  // the report ended the conversation
+  r.state = 0;
+  complete(c, tag, v, r);
+  if (gone) delete_end(conv);
+}
+
 void Node::wait_for_reply(End& e, ClientId c, uint64_t tag, const Verb& v, bool delete_on_ok,
                           ConvState ok_state) {
   PendingVerb p;
@@ -167,14 +176,7 @@ void Node::verb_send_data(End& e, ClientId c, uint64_t tag, const Verb& v) {
       return complete(c, tag, v, code(rc::kStateCheck, rc::kRecordIncomplete));
   }
   const uint32_t conv = e.conv_id;
-  if (report_waiting(e)) {
-    VerbResult r = take_report(e);
-    const bool gone = r.state == 0xFF;
-    r.state = 0;
-    complete(c, tag, v, r);
-    if (gone) delete_end(conv);
-    return;
-  }
+  if (report_waiting(e)) return complete_with_report(e, c, tag, v);
   e.out_lr = lr;
   e.state = S::kSend;
   if (e.type == ConvType::kMapped) {
@@ -228,15 +230,7 @@ void Node::verb_confirm(End& e, ClientId c, uint64_t tag, const Verb& v) {
   if (e.sync == 0) return complete(c, tag, v, code(rc::kStateCheck, rc::kSyncLevelNone));
   if (e.type == ConvType::kBasic && e.out_lr.incomplete())
     return complete(c, tag, v, code(rc::kStateCheck, rc::kRecordIncomplete));
-  if (report_waiting(e)) {
-    const uint32_t conv = e.conv_id;
-    VerbResult r = take_report(e);
-    const bool gone = r.state == 0xFF;
-    r.state = 0;
-    complete(c, tag, v, r);
-    if (gone) delete_end(conv);
-    return;
-  }
+  if (report_waiting(e)) return complete_with_report(e, c, tag, v);
   e.state = S::kSend;
   transmit(e, ChainEnd::kConfirm);
   wait_for_reply(e, c, tag, v, false, S::kSend);
@@ -259,15 +253,7 @@ void Node::verb_prepare_to_receive(End& e, ClientId c, uint64_t tag, const Verb&
     return complete(c, tag, v, code(rc::kStateCheck, rc::kRecordIncomplete));
   const bool waits = v.type == 0 && e.sync == 1;
   if (waits) {
-    if (report_waiting(e)) {
-      const uint32_t conv = e.conv_id;
-      VerbResult r = take_report(e);
-      const bool gone = r.state == 0xFF;
-      r.state = 0;
-      complete(c, tag, v, r);
-      if (gone) delete_end(conv);
-      return;
-    }
+    if (report_waiting(e)) return complete_with_report(e, c, tag, v);
     e.state = S::kSend;
     transmit(e, ChainEnd::kConfirmSend);
     return wait_for_reply(e, c, tag, v, false, S::kReceive);
@@ -286,15 +272,7 @@ void Node::verb_receive(End& e, ClientId c, uint64_t tag, const Verb& v) {
     if (sending(e.state)) {
       if (e.type == ConvType::kBasic && e.out_lr.incomplete())
         return complete(c, tag, v, code(rc::kStateCheck, rc::kRecordIncomplete));
-      if (report_waiting(e)) {
-        const uint32_t conv = e.conv_id;
-        VerbResult r = take_report(e);
-        const bool gone = r.state == 0xFF;
-        r.state = 0;
-        complete(c, tag, v, r);
-        if (gone) delete_end(conv);
-        return;
-      }
+      if (report_waiting(e)) return complete_with_report(e, c, tag, v);
       transmit(e, ChainEnd::kSend);
       e.state = S::kReceive;
     }
@@ -329,14 +307,7 @@ void Node::verb_send_error(End& e, ClientId c, uint64_t tag, const Verb& v) {
   const Bytes log = basic ? v.data : Bytes{};
   const uint32_t conv = e.conv_id;
   if (sending(e.state)) {
-    if (report_waiting(e)) {
-      VerbResult r = take_report(e);
-      const bool gone = r.state == 0xFF;
-      r.state = 0;
-      complete(c, tag, v, r);
-      if (gone) delete_end(conv);
-      return;
-    }
+    if (report_waiting(e)) return complete_with_report(e, c, tag, v);
     OutItem item;
     item.kind = OutItem::Kind::kError;
     const bool trunc = e.state == S::kSend && basic && e.out_lr.incomplete();
@@ -379,14 +350,7 @@ void Node::verb_deallocate(End& e, ClientId c, uint64_t tag, const Verb& v) {
   if (e.type == ConvType::kBasic && e.out_lr.incomplete())
     return complete(c, tag, v, code(rc::kStateCheck, rc::kRecordIncomplete));
   if (v.type == 0 && e.sync == 1) {
-    if (report_waiting(e)) {
-      VerbResult r = take_report(e);
-      const bool gone = r.state == 0xFF;
-      r.state = 0;
-      complete(c, tag, v, r);
-      if (gone) delete_end(conv);
-      return;
-    }
+    if (report_waiting(e)) return complete_with_report(e, c, tag, v);
     e.state = S::kSend;
     transmit(e, ChainEnd::kConfirmDeallocate);
     return wait_for_reply(e, c, tag, v, true, S::kReset);
