@@ -6,4 +6,4 @@ cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 cmake --preset x86_64 > /dev/null
 cmake --build --preset x86_64 -j "$(nproc)" --target initialize_conversations
-./build/x86_64/samples/initialize_conversations
+./build/x86_64/bin/initialize_conversations
