@@ -8,6 +8,7 @@ namespace sna::proto {
 
 Node::Node(NodeConfig config) : config_(std::move(config)) {
   if (config_.local_lus.empty()) config_.local_lus.push_back({"LOCAL", "NETWORK.LOCAL", ""});
+  active_lus_ = config_.local_lus.size();
 }
 
 Actions Node::take() {
@@ -63,7 +64,7 @@ int Node::find_local_lu_by_alias(const Name8& alias) const {
   if (blank) return 0;
   std::string a(alias.begin(), alias.end());
   while (!a.empty() && (a.back() == ' ' || a.back() == '\0')) a.pop_back();
-  for (size_t i = 0; i < config_.local_lus.size(); ++i)
+  for (size_t i = 0; i < active_lus_; ++i)
     if (config_.local_lus[i].alias == a) return static_cast<int>(i);
   return -1;
 }

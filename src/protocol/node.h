@@ -20,6 +20,52 @@
 
 namespace sna::proto {
 
+// What the node holds at one moment, for the operator's status view. Names
+// in Bytes are EBCDIC with trailing blanks (and zero bytes) removed; LU
+// indices point into the local LUs of the configuration in force.
+struct NodeSnapshot {
+  struct Conversation {
+    uint32_t conv_id;
+    TpId tp_id;
+    bool has_tp;  // false while an attach waits for RECEIVE_ALLOCATE_CPIC
+    ConvState state;
+    bool verb_outstanding;
+    ConvType type;
+    uint8_t sync_level;
+    size_t local_lu;
+    std::string partner_fq;
+    Name8 mode;
+    Bytes tp_name;    // the TP the conversation was allocated to
+    ClientId client;  // owner of the end's TP; 0 without a TP
+  };
+  struct TpInfo {
+    TpId id;
+    ClientId client;
+    size_t local_lu;
+    Bytes tp_name;
+  };
+  struct Registration {
+    Bytes name;
+    ClientId client;
+  };
+  struct QueuedAttach {
+    Bytes tp_name;
+    uint32_t conv_id;
+  };
+  struct SessionInfo {
+    SessionId id;
+    bool bound;
+    bool in_use;
+    std::string partner_fq;
+    Name8 mode;
+  };
+  std::vector<Conversation> conversations;
+  std::vector<TpInfo> tps;
+  std::vector<Registration> registrations;
+  std::vector<QueuedAttach> queued_attaches;
+  std::vector<SessionInfo> sessions;
+};
+
 class Node {
  public:
   explicit Node(NodeConfig config);
@@ -53,6 +99,13 @@ class Node {
   std::vector<SessionId> sessions() const;
   bool session_bound(SessionId s) const;
   bool session_in_use(SessionId s) const;
+  NodeSnapshot snapshot() const;
+  const NodeConfig& config() const { return config_; }
+
+  // New definitions for later events. Live conversations, TPs, sessions and
+  // the TP id stamp stay; a local LU that is gone from the new list but
+  // still in use keeps serving what uses it and takes nothing new.
+  void reconfigure(NodeConfig config);
 
  private:
   // --- plumbing
@@ -146,6 +199,7 @@ class Node {
   End* end_of(Session& s, int half);
 
   NodeConfig config_;
+  size_t active_lus_ = 0;  // local LUs [0, active_lus_) are configured; the rest retired
   Actions out_;
   std::map<ClientId, ClientInfo> clients_;
   std::map<TpId, Tp> tps_;

@@ -88,7 +88,7 @@ const ModeConfig* Node::mode_config(const Name8& mode) const {
 bool Node::resolve_partner(size_t lu, const Verb& v, std::string& fq, bool& local, size_t& partner_lu,
                            VerbResult& err) {
   auto local_by_fq = [&](const std::string& name) -> int {
-    for (size_t i = 0; i < config_.local_lus.size(); ++i)
+    for (size_t i = 0; i < active_lus_; ++i)
       if (config_.local_lus[i].fq_name == name) return static_cast<int>(i);
     return -1;
   };
@@ -101,7 +101,7 @@ bool Node::resolve_partner(size_t lu, const Verb& v, std::string& fq, bool& loca
         partner_lu = local ? static_cast<size_t>(l) : 0;
         return true;
       }
-    for (size_t i = 0; i < config_.local_lus.size(); ++i)
+    for (size_t i = 0; i < active_lus_; ++i)
       if (config_.local_lus[i].alias == alias) {
         fq = config_.local_lus[i].fq_name;
         local = true;
@@ -414,7 +414,7 @@ void Node::deliver_queued_attach(uint32_t conv, const WaitingReceiveAllocate& w)
     id[i] = static_cast<uint8_t>(stamp >> (24 - 8 * i));
     id[4 + i] = static_cast<uint8_t>(n >> (24 - 8 * i));
   }
-  tps_[id] = Tp{w.client, e.local_lu, e.attach_user_id};
+  tps_[id] = Tp{w.client, e.local_lu, e.attach_user_id, e.attach_tp_name};
   e.tp = id;
   e.has_tp = true;
   if (e.attach_timer) {

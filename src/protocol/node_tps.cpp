@@ -27,7 +27,7 @@ void Node::do_tp_started(ClientId c, uint64_t tag, const Verb& v) {
     id[4 + i] = static_cast<uint8_t>(n >> (24 - 8 * i));
   }
   clients_[c];  // a client seen for the first time
-  tps_[id] = Tp{c, static_cast<size_t>(lu), {}};
+  tps_[id] = Tp{c, static_cast<size_t>(lu), {}, Bytes(v.tp_name.begin(), v.tp_name.end())};
   VerbResult r;
   r.tp_id = id;
   r.local_lu_alias.fill(' ');

@@ -19,8 +19,6 @@
 
 namespace sna::proto {
 
-enum class ConvType : uint8_t { kBasic = 0, kMapped = 1 };
-
 // Something that reaches an end from its partner and is not data.
 struct Report {
   enum class Kind : uint8_t { kDeallocNormal, kAbend, kError, kAllocError };
@@ -132,6 +130,7 @@ struct Tp {
   ClientId client = 0;
   size_t local_lu = 0;
   Bytes attach_user_id;  // set for TPs created by RECEIVE_ALLOCATE_CPIC
+  Bytes tp_name;         // 64 bytes EBCDIC, for display: TP_STARTED's, or the attach's
 };
 
 struct ClientInfo {

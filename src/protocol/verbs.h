@@ -145,6 +145,8 @@ inline constexpr uint32_t kSvcError = 0x08890100;
 inline constexpr uint32_t kSvcErrorTruncSecondary = 0x08891001;
 }  // namespace rc
 
+enum class ConvType : uint8_t { kBasic = 0, kMapped = 1 };
+
 // GET_STATE values.
 enum class ConvState : uint8_t {
   kReset = 0,
