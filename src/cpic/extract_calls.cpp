@@ -183,6 +183,16 @@ extern "C" SNA_EXPORT void cmecs(unsigned char *conversation_ID,
     c->pResult1 = conversation_state;
     c->pResult2 = c->pResult3 = c->pResult4 = c->pResult5 = nullptr;
     flag_add(c->usOpsOutstanding);
+    // The query overwrites the pending-call record, so an earlier
+    // completion still waiting to be collected is superseded, as by any
+    // other verb; Wait would otherwise report it with the query's result.
+    if (flag_get(c->fVerbWaiting) != 0) {
+      if (counter_get(pGCB->NumVerbsWaiting) == 0) {
+        v0_assert(SRC_CPICCAL2, __LINE__, "(pGCB)->NumVerbsWaiting > 0");
+      }
+      flag_set(c->fVerbWaiting, 0);
+      counter_sub(pGCB->NumVerbsWaiting);
+    }
     // Issued without a completion routine: the state is answered at once.
     if (appc_c_async_version(2, &c->vcb, nullptr, 1) == APPC_VERB_IN_PROGRESS) {
       *return_code = CM_OPERATION_INCOMPLETE;
