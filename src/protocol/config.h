@@ -3,6 +3,7 @@
 #define SNA_PROTO_CONFIG_H
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -55,6 +56,10 @@ struct NodeConfig {
   std::vector<ModeConfig> modes;
   std::vector<TpDefinition> tp_definitions;
   std::vector<SecurityUser> security_users;
+  // Conversation security: when set, decides whether a user ID and password
+  // (ASCII, trailing blanks removed, both non-empty) are valid; when empty,
+  // they must match an entry of security_users.
+  std::function<bool(const std::string& user_id, const std::string& password)> check_password;
   uint32_t tp_id_stamp = 1;  // bytes 0-3 of every TP id
   uint32_t default_attach_timeout_ms = 60000;
 };

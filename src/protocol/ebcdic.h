@@ -1,5 +1,5 @@
-// The EBCDIC characters that SNA names are made of (letters, digits and
-// the few specials allowed in names), converted both ways.
+// Printable ASCII and its code page 037 EBCDIC, both ways: the characters
+// that names, user IDs and passwords are made of.
 #ifndef SNA_PROTO_EBCDIC_H
 #define SNA_PROTO_EBCDIC_H
 

@@ -91,7 +91,10 @@ Decoded<Attach> decode_attach(ByteView fmh) {
       uint8_t sl = 0, st = 0;
       ByteView v;
       const size_t at = sec_at + s2.offset();
-      if (!s2.u8(sl) || sl < 2 || !s2.u8(st) || !s2.take(sl - 1u, v))
+      // A length of 1 is a subfield without a value: a blank password or
+      // user ID given with program security, which the target must refuse
+      // rather than take for an attach without security.
+      if (!s2.u8(sl) || sl < 1 || !s2.u8(st) || !s2.take(sl - 1u, v))
         return fail("FMH-5 security subfield length bad", at);
       if (v.size() > kMaxSecurityField) return fail("FMH-5 security subfield longer than 10", at);
       Bytes b(v.begin(), v.end());

@@ -20,8 +20,8 @@ struct Attach {
   AttachSync sync = AttachSync::kNone;
   Bytes tp_name;        // EBCDIC as carried, 1-64 bytes, trailing blanks kept off
   bool already_verified = false;
-  std::optional<Bytes> user_id;   // EBCDIC, 1-10 bytes
-  std::optional<Bytes> password;  // EBCDIC, 1-10 bytes
+  std::optional<Bytes> user_id;   // EBCDIC, 0-10 bytes (0: given blank)
+  std::optional<Bytes> password;  // EBCDIC, 0-10 bytes
   std::optional<Bytes> profile;   // EBCDIC, 1-10 bytes
   friend bool operator==(const Attach&, const Attach&) = default;
 };

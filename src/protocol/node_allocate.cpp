@@ -338,11 +338,12 @@ void Node::route_attach(Session& s, int half, const Attach& a) {
   auto security_ok = [&]() {
     if (a.already_verified) return true;
     if (!a.user_id && !a.password) return true;
-    if (!a.user_id || !a.password || a.user_id->empty() || a.password->empty()) return false;
+    if (!a.user_id || !a.password) return false;
+    const std::string user = ebcdic_text(*a.user_id), password = ebcdic_text(*a.password);
+    if (user.empty() || password.empty()) return false;
+    if (config_.check_password) return config_.check_password(user, password);
     for (const SecurityUser& u : config_.security_users)
-      if (ebcdic_field(u.user_id, u.user_id.size()) == *a.user_id &&
-          ebcdic_field(u.password, u.password.size()) == *a.password)
-        return true;
+      if (u.user_id == user && u.password == password) return true;
     return false;
   };
   if (!security_ok()) return reject_attach(s, half, sense::kSecurityNotValid);

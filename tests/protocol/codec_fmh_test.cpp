@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <ostream>
+#include <set>
 
 #include "hex.h"
 #include "protocol/ebcdic.h"
@@ -48,6 +49,20 @@ TEST(ProtoAttachCodec, GoldenVectors) {
   auto b = decode_attach(hex(kAttachProgram));
   ASSERT_TRUE(b) << b.error().reason;
   EXPECT_EQ(b.value(), program_attach());
+}
+
+TEST(ProtoAttachCodec, BlankSecurityValuesTravelAsEmptySubfields) {
+  Attach a = program_attach();
+  a.user_id = Bytes{};
+  a.password = Bytes{};
+  const Bytes enc = encode_attach(a);
+  EXPECT_EQ(to_hex(enc), "12 05 02 FF 00 03 D0 00 00 01 E7 04 01 01 01 02 00 00");
+  auto d = decode_attach(enc);
+  ASSERT_TRUE(d) << d.error().reason;
+  ASSERT_TRUE(d->user_id.has_value());
+  ASSERT_TRUE(d->password.has_value());
+  EXPECT_TRUE(d->user_id->empty());
+  EXPECT_TRUE(d->password->empty());
 }
 
 TEST(ProtoAttachCodec, RoundTripsEveryTypeSyncAndNameLength) {
@@ -98,7 +113,9 @@ const BadFmh kBadAttach[] = {
     {"TP name past end", "0C 05 02 FF 00 03 D1 00 00 03 E2 D9", "FMH-5 TP name runs past it"},
     {"security past end", "0F 05 02 FF 00 03 D1 00 00 01 E2 05 02 02 E4",
      "FMH-5 access security runs past it"},
-    {"security subfield short", "0E 05 02 FF 00 03 D1 00 00 01 E2 02 01 02",
+    {"security subfield length 0", "0E 05 02 FF 00 03 D1 00 00 01 E2 02 00 02",
+     "FMH-5 security subfield length bad"},
+    {"security subfield without its type", "0D 05 02 FF 00 03 D1 00 00 01 E2 01 01",
      "FMH-5 security subfield length bad"},
     {"security subfield over 10",
      "19 05 02 FF 00 03 D1 00 00 01 E2 0D 0C 02 E4 E4 E4 E4 E4 E4 E4 E4 E4 E4 E4",
@@ -182,6 +199,17 @@ TEST(ProtoEbcdic, NamesConvertBothWays) {
   EXPECT_EQ(to_hex(ebcdic_field("#INTER", 8)), "7B C9 D5 E3 C5 D9 40 40");
   EXPECT_EQ(ebcdic_text(ebcdic_field("NET.lu@$9", 12)), "NET.lu@$9");
   EXPECT_EQ(ebcdic_trimmed_length(ebcdic_field("AB", 8)), 2u);
+}
+
+TEST(ProtoEbcdic, EveryPrintableCharacterHasItsOwnByte) {
+  std::set<uint8_t> seen;
+  for (char c = 0x20; c <= 0x7E; ++c) {
+    const uint8_t e = to_ebcdic(c);
+    EXPECT_TRUE(seen.insert(e).second) << "'" << c << "' shares a byte";
+    EXPECT_EQ(from_ebcdic(e), c);
+  }
+  EXPECT_EQ(to_hex(ebcdic_field("[\\]{|}~^`", 10)), "BA E0 BB C0 4F D0 A1 B0 79 40");
+  EXPECT_EQ(to_ebcdic('\t'), 0x6F) << "not printable: '?'";
 }
 
 }  // namespace
