@@ -1,0 +1,113 @@
+#include "snanoded/verb_translation.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace sna::daemon {
+
+using proto::Opcode;
+
+proto::Verb verb_from_wire(const uint8_t* body, size_t length) {
+  const wire::Verb w = wire::decode_verb(body);
+  proto::Verb v;
+  v.opcode = static_cast<Opcode>(w.opcode);
+  v.opext = w.opext;
+  v.format = w.format;
+  std::copy_n(w.tp_id, 8, v.tp_id.begin());
+  v.conv_id = w.conv_id;
+  v.sync_level = w.sync_level;
+  v.return_control = w.return_control;
+  v.security = w.security;
+  v.type = w.type;
+  v.locks = w.locks;
+  v.return_status_with_data = w.return_status_with_data;
+  v.fill = w.fill;
+  v.send_type = w.send_type;
+  v.error_type = w.error_type;
+  v.direction = w.direction;
+  v.max_length = w.max_length;
+  v.pip_length = w.pip_length;
+  v.data_length = w.data_length;
+  v.correlator = w.correlator;
+  std::copy_n(w.partner_lu_alias, 8, v.partner_lu_alias.begin());
+  std::copy_n(w.mode_name, 8, v.mode_name.begin());
+  std::copy_n(w.tp_name, 64, v.tp_name.begin());
+  std::copy_n(w.password, 10, v.password.begin());
+  std::copy_n(w.user_id, 10, v.user_id.begin());
+  std::copy_n(w.partner_lu_name, 17, v.partner_lu_name.begin());
+  std::copy_n(w.local_lu_alias, 8, v.local_lu_alias.begin());
+  const size_t carried = std::min<size_t>(wire::data_carried(w.data_length),
+                                          length > wire::kVerbFixedSize ? length - wire::kVerbFixedSize : 0);
+  v.data.assign(body + wire::kVerbFixedSize, body + wire::kVerbFixedSize + carried);
+  return v;
+}
+
+uint32_t outputs_for(Opcode opcode, uint16_t primary) {
+  constexpr uint32_t kNone = 0;
+  const bool ok = primary == proto::rc::kOk;
+  const bool checked = primary == proto::rc::kParameterCheck || primary == proto::rc::kStateCheck;
+  switch (opcode) {
+    case Opcode::kAllocate:
+      return ok ? uint32_t{wire::kOutConvId} : kNone;
+    case Opcode::kConfirm:
+    case Opcode::kSendData:
+    case Opcode::kSendError:
+      return checked ? kNone : uint32_t{wire::kOutRts};
+    case Opcode::kReceiveAndWait:
+    case Opcode::kReceiveImmediately:
+      return checked ? kNone : uint32_t{wire::kOutRts | wire::kOutReceive};
+    case Opcode::kGetState:
+      return ok ? uint32_t{wire::kOutState} : kNone;
+    case Opcode::kTpStarted:
+      return ok ? uint32_t{wire::kOutTpId | wire::kOutLocalLuAlias} : kNone;
+    case Opcode::kReceiveAllocate:
+      return ok ? uint32_t{wire::kOutTpId | wire::kOutConvId | wire::kOutAttach | wire::kOutLocalLuAlias}
+                : kNone;
+    default:
+      return 0;
+  }
+}
+
+std::vector<uint8_t> reply_body(const proto::Completion& c) {
+  const proto::VerbResult& r = c.result;
+  wire::VerbReply w;
+  w.primary = r.primary;
+  w.secondary = r.secondary;
+  w.outputs = outputs_for(c.opcode, r.primary);
+  if (w.outputs & wire::kOutConvId) w.conv_id = r.conv_id;
+  if (w.outputs & wire::kOutRts) w.rts_received = r.rts_received;
+  if (w.outputs & wire::kOutState) w.state = r.state;
+  if (w.outputs & wire::kOutTpId) std::copy_n(r.tp_id.begin(), 8, w.tp_id);
+  if (w.outputs & wire::kOutLocalLuAlias) std::copy_n(r.local_lu_alias.begin(), 8, w.local_lu_alias);
+  if (w.outputs & wire::kOutAttach) {
+    std::copy_n(r.tp_name.begin(), 64, w.tp_name);
+    w.sync_level = r.sync_level;
+    w.conversation_type = r.conversation_type;
+    std::copy_n(r.user_id.begin(), 10, w.user_id);
+    std::copy_n(r.mode_name.begin(), 8, w.mode_name);
+    std::copy_n(r.partner_lu_name.begin(), 17, w.partner_lu_name);
+  }
+  size_t data = 0;
+  if (w.outputs & wire::kOutReceive) {
+    w.what_received = r.what_received;
+    data = r.data.size();
+    w.data_length = static_cast<uint32_t>(data);
+  }
+  std::vector<uint8_t> body(wire::kVerbReplyFixedSize + data);
+  wire::encode_verb_reply(body.data(), w);
+  if (data) std::memcpy(body.data() + wire::kVerbReplyFixedSize, r.data.data(), data);
+  return body;
+}
+
+std::vector<uint8_t> make_frame(wire::Kind kind, uint64_t tag, const uint8_t* body, size_t length) {
+  std::vector<uint8_t> f(wire::kHeaderSize + length);
+  wire::FrameHeader h;
+  h.length = static_cast<uint32_t>(f.size());
+  h.kind = kind;
+  h.tag = tag;
+  wire::encode_header(f.data(), h);
+  if (length) std::memcpy(f.data() + wire::kHeaderSize, body, length);
+  return f;
+}
+
+}  // namespace sna::daemon
