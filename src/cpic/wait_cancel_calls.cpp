@@ -11,8 +11,12 @@ namespace cpic {
 
 namespace {
 
-// The first conversation in handle order whose completion waits.
-CCCB *first_waiting(bool assert_each) {
+// The first conversation in handle order whose completion waits. With
+// only_finished, one whose operation count is still raised is passed
+// over: its completion routine has published the completion but not yet
+// finished on the node's thread, or a Cancel on another thread still holds
+// the conversation.
+CCCB *first_waiting(bool assert_each, bool only_finished = false) {
   GCB *g = pGCB;
   void *p = nullptr;
   for (uint32_t h = vtm_get_next_used(g->hCccbTable, 0, &p); h != 0;
@@ -22,25 +26,46 @@ CCCB *first_waiting(bool assert_each) {
       if (assert_each) v0_assert(SRC_CPICCAL1, __LINE__, "cccb_ptr != NULL");
       continue;
     }
-    if (flag_get(c->fVerbWaiting) != 0) return c;
+    if (flag_get(c->fVerbWaiting) == 0) continue;
+    if (only_finished && flag_get(c->usOpsOutstanding) != 0) continue;
+    return c;
   }
   return nullptr;
 }
+
+// How long Wait gives a completion routine to finish before it hands out
+// the conversation all the same.
+constexpr int32_t kFinishingWaitMs = 1000;
 
 int32_t wait_for_conversation(unsigned char *conversation_id, CM_INT32 *conversation_rc) {
   GCB *g = pGCB;
   if (counter_get(g->NumVerbsWaiting) == 0 && counter_get(g->NumVerbsInProgress) == 0) {
     return CM_PROGRAM_STATE_CHECK;
   }
-  // The library lock stays held: completion routines do not take it.
-  while (counter_get(g->NumVerbsWaiting) == 0 && counter_get(g->NumVerbsInProgress) != 0) {
-    vpm_sleep(g->hWaitObject, -1);
-  }
-  if (counter_get(g->NumVerbsWaiting) == 0) return CM_PROGRAM_STATE_CHECK;
-  CCCB *c = first_waiting(true);
-  if (c == nullptr) {
-    v0_assert(SRC_CPICCAL1, __LINE__, "tm_handle != NB_NULL_HANDLE");
-    return CM_PROGRAM_STATE_CHECK;
+  CCCB *c = nullptr;
+  for (;;) {
+    // The library lock stays held: completion routines do not take it.
+    while (counter_get(g->NumVerbsWaiting) == 0 && counter_get(g->NumVerbsInProgress) != 0) {
+      vpm_sleep(g->hWaitObject, -1);
+    }
+    if (counter_get(g->NumVerbsWaiting) == 0) return CM_PROGRAM_STATE_CHECK;
+    c = first_waiting(true, true);
+    if (c != nullptr) break;
+    if (first_waiting(false) == nullptr) {
+      v0_assert(SRC_CPICCAL1, __LINE__, "tm_handle != NB_NULL_HANDLE");
+      return CM_PROGRAM_STATE_CHECK;
+    }
+    // Every waiting completion's routine is still finishing (or its
+    // conversation is being cancelled). Handing it out now would let the
+    // next call on it fail with 37, and a conversation that ended would
+    // never be released. The routine's wakeup, or the Cancel's, follows
+    // at once; a conversation whose count stays raised (a Cancel that got
+    // no wait object leaves it so) is handed out after a bounded wait.
+    if (vpm_sleep(g->hWaitObject, kFinishingWaitMs) != 0) {
+      c = first_waiting(false, true);
+      if (c == nullptr) c = first_waiting(false);
+      if (c != nullptr) break;
+    }
   }
   std::memcpy(conversation_id, c->pOpConvId, 8);
   *conversation_rc = static_cast<CM_INT32>(c->ulReturnCode);
@@ -116,7 +141,11 @@ int32_t cancel(CCCB *c, const uint8_t *conversation_id) {
   }
   flag_sub(c->usOpsOutstanding);
   flag_set(c->fFreePending, 1);
+  // A Wait on another thread may be holding back this conversation's
+  // completion until the cancel lets go of it.
+  const bool completion_waits = flag_get(c->fVerbWaiting) != 0;
   SCC_release_if_done(c);
+  if (completion_waits) vpm_wakeup(pGCB->hWaitObject);
   return rc;
 }
 
