@@ -22,6 +22,17 @@ uint32_t snanode_lock_release_all(void);
 void snanode_lock_reacquire(uint32_t depth);
 /* Depth to which the calling thread holds the lock (0: not held). */
 uint32_t snanode_lock_depth(void);
+/* Reserves the next turn at the lock for another thread, which must then
+ * take it with snanode_lock_reacquire_turn: threads woken by verb replies
+ * retake the lock in the order their replies arrived, not in the order the
+ * scheduler happens to run them. */
+uint64_t snanode_lock_reserve_turn(void);
+void snanode_lock_reacquire_turn(uint64_t turn, uint32_t depth);
+/* Fork handlers: the child keeps the lock only if the forking thread held
+ * it, and forgets the turns of threads that do not exist there. */
+void snanode_lock_fork_prepare(void);
+void snanode_lock_fork_parent(void);
+void snanode_lock_fork_child(void);
 
 /* ---- path users (path_users.cpp) ---- */
 
@@ -65,10 +76,15 @@ void snanode_trace_set_api(int on);
 
 /* ---- trace file (trace_file.cpp) ---- */
 
-/* Opens the trace file (SNANODE_TRACE_FILE, else api.trace in the state
- * directory) if it is not open yet and publishes it in trc_api. Returns the
- * file handle or TRC_NO_FILE. */
+/* Opens the trace file (the one named by snanode_trace_use_file, else
+ * SNANODE_TRACE_FILE, else api.trace in the state directory) if it is not
+ * open yet and publishes it in trc_api. Returns the file handle or
+ * TRC_NO_FILE. */
 uint32_t snanode_trace_open_file(void);
+/* Names the trace file from now on. An open trace file is switched to it
+ * under the same handle, so writers never hold a stale one. Returns 0, or
+ * -1 when the file cannot be opened (the current one is kept). */
+int snanode_trace_use_file(const char *path);
 
 /* ---- EBCDIC display (ebcdic_display.cpp) ---- */
 

@@ -20,15 +20,18 @@ uint64_t now_serving = 0;
 
 bool held_by_caller() { return owned && pthread_equal(owner, pthread_self()); }
 
-/* Waits for a turn and takes the lock to the given depth. state_mutex held. */
-void acquire_locked(uint32_t to_depth) {
-  uint64_t ticket = next_ticket++;
+/* Waits for the given turn and takes the lock to the given depth.
+ * state_mutex held. */
+void acquire_turn_locked(uint64_t ticket, uint32_t to_depth) {
   while (owned || now_serving != ticket) pthread_cond_wait(&state_changed, &state_mutex);
   ++now_serving;
   owned = true;
   owner = pthread_self();
   depth = to_depth;
 }
+
+/* Waits for a turn and takes the lock to the given depth. state_mutex held. */
+void acquire_locked(uint32_t to_depth) { acquire_turn_locked(next_ticket++, to_depth); }
 
 void release_locked() {
   owned = false;
@@ -88,6 +91,35 @@ void snanode_lock_reacquire(uint32_t to_depth) {
     depth += to_depth;
   else
     acquire_locked(to_depth);
+  pthread_mutex_unlock(&state_mutex);
+}
+
+uint64_t snanode_lock_reserve_turn(void) {
+  pthread_mutex_lock(&state_mutex);
+  uint64_t ticket = next_ticket++;
+  pthread_mutex_unlock(&state_mutex);
+  return ticket;
+}
+
+void snanode_lock_reacquire_turn(uint64_t turn, uint32_t to_depth) {
+  pthread_mutex_lock(&state_mutex);
+  acquire_turn_locked(turn, to_depth);
+  pthread_mutex_unlock(&state_mutex);
+}
+
+void snanode_lock_fork_prepare(void) { pthread_mutex_lock(&state_mutex); }
+
+void snanode_lock_fork_parent(void) { pthread_mutex_unlock(&state_mutex); }
+
+void snanode_lock_fork_child(void) {
+  /* Only the forking thread exists here: every turn handed out to another
+   * thread would stop the queue for good. */
+  if (owned && !pthread_equal(owner, pthread_self())) {
+    owned = false;
+    depth = 0;
+  }
+  now_serving = next_ticket;
+  pthread_cond_init(&state_changed, nullptr);
   pthread_mutex_unlock(&state_mutex);
 }
 

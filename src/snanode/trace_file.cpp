@@ -34,6 +34,16 @@ namespace {
 pthread_mutex_t file_mutex = PTHREAD_MUTEX_INITIALIZER;  /* guards opening */
 pthread_mutex_t record_mutex = PTHREAD_MUTEX_INITIALIZER; /* one record at a time */
 __thread uint32_t record_depth = 0;
+char chosen_path[PATH_MAX]; /* set by snanode_trace_use_file; guarded by file_mutex */
+
+void report_unopenable(const char *path) {
+  char message[PATH_MAX + 64];
+  int n = snprintf(message, sizeof message, "snanode: cannot open trace file %s\n", path);
+  if (n > 0) {
+    ssize_t written = write(STDERR_FILENO, message, strlen(message));
+    (void)written;
+  }
+}
 
 uint32_t current_handle() { return __atomic_load_n(&trc_api.file_handle, __ATOMIC_ACQUIRE); }
 
@@ -62,7 +72,9 @@ uint32_t snanode_trace_open_file(void) {
     const char *named = getenv("SNANODE_TRACE_FILE");
     const char *directory = nullptr;
     bool ok = false;
-    if (named && *named) {
+    if (chosen_path[0]) {
+      ok = snprintf(path, sizeof path, "%s", chosen_path) < static_cast<int>(sizeof path);
+    } else if (named && *named) {
       ok = snprintf(path, sizeof path, "%s", named) < static_cast<int>(sizeof path);
     } else if ((directory = snanode_state_dir()) != nullptr) {
       ok = snprintf(path, sizeof path, "%s/api.trace", directory) < static_cast<int>(sizeof path);
@@ -72,16 +84,37 @@ uint32_t snanode_trace_open_file(void) {
       handle = static_cast<uint32_t>(fd);
       __atomic_store_n(&trc_api.file_handle, handle, __ATOMIC_RELEASE);
     } else if (ok) {
-      char message[PATH_MAX + 64];
-      int n = snprintf(message, sizeof message, "snanode: cannot open trace file %s\n", path);
-      if (n > 0) {
-        ssize_t written = write(STDERR_FILENO, message, strlen(message));
-        (void)written;
-      }
+      report_unopenable(path);
     }
   }
   pthread_mutex_unlock(&file_mutex);
   return handle;
+}
+
+int snanode_trace_use_file(const char *path) {
+  if (!path || !*path || strlen(path) >= sizeof chosen_path) return -1;
+  int rc = 0;
+  pthread_mutex_lock(&file_mutex);
+  uint32_t handle = current_handle();
+  if (handle == TRC_NO_FILE) {
+    /* Opened when tracing is switched on. */
+    snprintf(chosen_path, sizeof chosen_path, "%s", path);
+  } else {
+    int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    if (fd < 0) {
+      report_unopenable(path);
+      rc = -1;
+    } else {
+      /* The new file takes the old one's descriptor number, so the handle
+       * writers hold stays valid and now reaches the new file. Each line is
+       * one write(), so no line is split between the files. */
+      if (dup3(fd, static_cast<int>(handle), O_CLOEXEC) < 0) rc = -1;
+      close(fd);
+      if (rc == 0) snprintf(chosen_path, sizeof chosen_path, "%s", path);
+    }
+  }
+  pthread_mutex_unlock(&file_mutex);
+  return rc;
 }
 
 SNA_EXPORT void sepuapi_init(unsigned char *trace_control) {
