@@ -72,7 +72,11 @@ int32_t allocate(CCCB *c, const uint8_t *conversation_id) {
     if (primary != 0) {
       int32_t rc = CM_OK;
       SCC_map_return_codes(&rc, primary, secondary, VERB_TP_STARTED);
-      SCC_free_cccb(c);
+      // The conversation goes with the failure, but not while a verb of it
+      // is still in progress: the node writes that verb's results into the
+      // block, and its completion releases it.
+      flag_set(c->fFreePending, 1);
+      SCC_release_if_done(c);
       return rc;
     }
     if (!audits_suppressed()) nba_pd_print_audit(MSG_TP_STARTED, 0, "ba", 8, tp_id);
