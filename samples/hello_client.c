@@ -27,6 +27,9 @@ int main(int argc, char **argv) {
   CM_INT32 data_received, status_received, rts;
   CM_INT32 send_type = CM_SEND_AND_PREP_TO_RECEIVE;
 
+  /* One line at a time, so the two programs' output interleaves as it
+   * happens when both go to one terminal. */
+  setvbuf(stdout, NULL, _IOLBF, 0);
   strncpy((char *)tp_name, argc > 1 ? argv[1] : "HELLOSRV", sizeof tp_name - 1);
   tp_name[sizeof tp_name - 1] = 0;
   strncpy((char *)message, argc > 2 ? argv[2] : "hello, partner", sizeof message - 1);

@@ -19,6 +19,9 @@ int main(int argc, char **argv) {
   CM_INT32 rc, length, requested = sizeof buffer - 1, received = 0;
   CM_INT32 data_received, status_received, rts;
 
+  /* One line at a time, so the two programs' output interleaves as it
+   * happens when both go to one terminal. */
+  setvbuf(stdout, NULL, _IOLBF, 0);
   strncpy((char *)tp_name, argc > 1 ? argv[1] : "HELLOSRV", sizeof tp_name - 1);
   tp_name[sizeof tp_name - 1] = 0;
   length = (CM_INT32)strlen((char *)tp_name);

@@ -24,11 +24,14 @@ if ! read -r -t 20 line <&3; then
   exit 1
 fi
 echo "$line"
+# The rest of the server's lines as they come, beside the client's.
+cat <&3 &
+printer=$!
 client_rc=0
 "$bin/hello_client" || client_rc=$?
-while read -r -t 20 line <&3; do echo "$line"; done
 server_rc=0
 wait "$server" || server_rc=$?
+wait "$printer" || true
 if [ "${2:-}" = "--private" ] && [ -S "$SNANODE_SOCKET" ]; then
   # The node started for this run ends with it.
   pkill -TERM -f "snanoded.*$SNANODE_SOCKET" 2>/dev/null || true
