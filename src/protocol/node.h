@@ -9,6 +9,7 @@
 #include <deque>
 #include <list>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -167,6 +168,15 @@ class Node {
   void complete_with_report(End& e, ClientId c, uint64_t tag, const Verb& v);
   void wait_for_reply(End& e, ClientId c, uint64_t tag, const Verb& v, bool delete_on_ok,
                       ConvState ok_state);
+  // Pacing: a verb that flushed completes now, or is held while the partner
+  // end holds W or more unreceived bytes (node_flows.cpp).
+  void finish_flush(End& e, ClientId c, uint64_t tag, const Verb& v, VerbResult r, bool delete_after);
+  void answer_flush(End& e, ClientId c, uint64_t tag, const Verb& v, VerbResult r, bool delete_after);
+  size_t unreceived(const End& e);
+  size_t pacing_window(const End& e) const;
+  void release_paced(End& e);
+  bool release_due_paced();
+  void clear_incoming(End& e);
   uint8_t take_rts(End& e);
 
   // --- receiving (node_receive.cpp)
@@ -217,6 +227,7 @@ class Node {
   };
   std::deque<Delivery> deliveries_;
   bool pumping_ = false;
+  std::set<uint32_t> paced_;  // ends with a verb held by pacing
   uint32_t next_tp_ = 1;
   uint32_t next_conv_ = 1;
   SessionId next_session_ = 1;

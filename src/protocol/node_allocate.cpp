@@ -10,6 +10,10 @@
 namespace sna::proto {
 namespace {
 
+// The smallest window that still lets a receiver wait for a whole record
+// (up to 32767 bytes) without holding its sender.
+constexpr uint32_t kMinPacingWindow = 32768;
+
 std::string ascii_trim(const uint8_t* p, size_t n) {
   std::string s(reinterpret_cast<const char*>(p), n);
   while (!s.empty() && (s.back() == ' ' || s.back() == '\0')) s.pop_back();
@@ -167,6 +171,9 @@ void Node::do_allocate(ClientId c, uint64_t tag, const Verb& v) {
   w.verb = v;
   w.local_lu = tp->local_lu;
   w.mode = v.mode_name;
+  // A cleared field names the blank mode: one spelling, so that sessions,
+  // mode definitions and the partner's accept all see the same name.
+  if (std::all_of(w.mode.begin(), w.mode.end(), [](uint8_t b) { return b == 0; })) w.mode.fill(0x40);
   VerbResult err;
   if (!resolve_partner(tp->local_lu, v, w.partner_fq, w.partner_local, w.partner_lu, err))
     return complete(c, tag, v, err);
@@ -238,6 +245,7 @@ SessionId Node::start_session(const WaitingAllocate& w) {
   if (const ModeConfig* mc = mode_config(w.mode)) {
     s.max_ru = mc->max_ru_size;
     s.send_buffer = mc->send_buffer_size;
+    s.pacing_window = std::max<uint32_t>(mc->pacing_window, kMinPacingWindow);
   }
   s.half[0].here = true;
   s.half[0].lu = w.local_lu;
@@ -509,7 +517,7 @@ void Node::reject_queued(uint32_t conv, uint32_t sense_code) {
   }
   Session& s = sessions_.at(e.session);
   const int half = e.half;
-  e.in_q.clear();
+  clear_incoming(e);
   s.half[half].conv = 0;
   ends_.erase(it);
   reject_attach(s, half, sense_code);

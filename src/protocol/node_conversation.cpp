@@ -149,6 +149,7 @@ void Node::do_conversation_verb(ClientId c, uint64_t tag, const Verb& v) {
     delete_end(conv);
     return;
   }
+  e.flushed_bytes = 0;
   switch (v.opcode) {
     case Opcode::kSendData: return verb_send_data(e, c, tag, v);
     case Opcode::kFlush: return verb_flush(e, c, tag, v);
@@ -188,27 +189,33 @@ void Node::verb_send_data(End& e, ClientId c, uint64_t tag, const Verb& v) {
   }
   VerbResult r;
   switch (type) {
-    case 0: maybe_flush_full(e); break;
-    case 1: transmit(e, ChainEnd::kNone); break;
+    case 0:
+      maybe_flush_full(e);
+      // Only a buffer-full flush makes a buffering SEND_DATA subject to pacing.
+      if (e.flushed_bytes == 0) break;
+      return finish_flush(e, c, tag, v, r, false);
+    case 1:
+      transmit(e, ChainEnd::kNone);
+      return finish_flush(e, c, tag, v, r, false);
     case 2:
       transmit(e, ChainEnd::kConfirm);
       return wait_for_reply(e, c, tag, v, false, S::kSend);
     case 3:
       transmit(e, ChainEnd::kSend);
       e.state = S::kReceive;
-      break;
+      return finish_flush(e, c, tag, v, r, false);
     case 4:
       transmit(e, ChainEnd::kConfirmSend);
       return wait_for_reply(e, c, tag, v, false, S::kReceive);
     case 5:
       transmit(e, ChainEnd::kDeallocate);
-      r.rts_received = take_rts(e);
-      complete(c, tag, v, r);
-      return delete_end(conv);
+      e.deallocated = true;
+      return finish_flush(e, c, tag, v, r, true);
     case 6:
       transmit(e, ChainEnd::kConfirmDeallocate);
       return wait_for_reply(e, c, tag, v, true, S::kReset);
     case 7:
+      // Ending abnormally never waits for the partner to catch up.
       abend_end(e, sense::kAbendProgram, {}, true);
       r.rts_received = take_rts(e);
       complete(c, tag, v, r);
@@ -222,7 +229,7 @@ void Node::verb_flush(End& e, ClientId c, uint64_t tag, const Verb& v) {
   if (!sending(e.state)) return complete(c, tag, v, code(rc::kStateCheck, rc::kBadState));
   e.state = S::kSend;
   transmit(e, ChainEnd::kNone);
-  complete(c, tag, v, code(rc::kOk));
+  finish_flush(e, c, tag, v, code(rc::kOk), false);
 }
 
 void Node::verb_confirm(End& e, ClientId c, uint64_t tag, const Verb& v) {
@@ -260,7 +267,7 @@ void Node::verb_prepare_to_receive(End& e, ClientId c, uint64_t tag, const Verb&
   }
   transmit(e, ChainEnd::kSend);
   e.state = S::kReceive;
-  complete(c, tag, v, code(rc::kOk));
+  finish_flush(e, c, tag, v, code(rc::kOk), false);
 }
 
 void Node::verb_receive(End& e, ClientId c, uint64_t tag, const Verb& v) {
@@ -328,7 +335,7 @@ void Node::verb_send_error(End& e, ClientId c, uint64_t tag, const Verb& v) {
         }
       }
     }
-    e.in_q.clear();
+    clear_incoming(e);
     send_negative_then_fmh7(e, sense::kErrorFollows, service ? sense::kServiceError : sense::kProgramError,
                             log, false);
   }
@@ -356,8 +363,8 @@ void Node::verb_deallocate(End& e, ClientId c, uint64_t tag, const Verb& v) {
     return wait_for_reply(e, c, tag, v, true, S::kReset);
   }
   transmit(e, ChainEnd::kDeallocate);
-  complete(c, tag, v, code(rc::kOk));
-  delete_end(conv);
+  e.deallocated = true;
+  finish_flush(e, c, tag, v, code(rc::kOk), true);
 }
 
 }  // namespace sna::proto

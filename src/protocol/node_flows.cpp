@@ -99,6 +99,7 @@ void Node::transmit(End& e, ChainEnd how) {
     hs.type = e.type;
   }
   for (const OutItem& it : e.send_buf) {
+    if (it.kind == OutItem::Kind::kData) e.flushed_bytes += it.bytes.size();
     if (it.kind == OutItem::Kind::kError) {
       if (it.purging) {
         Flow neg;
@@ -207,8 +208,9 @@ void Node::send_signal(End& e) {
 }
 
 void Node::abend_end(End& e, uint32_t sense_code, ByteView log, bool flush_first) {
-  if (!e.attach_sent) {
-    // The partner never heard of this conversation.
+  if (!e.attach_sent || e.deallocated) {
+    // The partner never heard of this conversation, or has already been
+    // told that it ended.
     e.send_buf.clear();
     e.send_bytes = 0;
     return;
@@ -226,7 +228,7 @@ void Node::abend_end(End& e, uint32_t sense_code, ByteView log, bool flush_first
     transmit(e, ChainEnd::kDeallocate);
     return;
   }
-  e.in_q.clear();
+  clear_incoming(e);
   send_negative_then_fmh7(e, sense::kDeallocateFollows, sense_code, log, true);
 }
 
@@ -267,13 +269,106 @@ void Node::release_half(SessionId sid, int half) {
 void Node::pump() {
   if (pumping_) return;
   pumping_ = true;
-  while (!deliveries_.empty()) {
-    Delivery d = std::move(deliveries_.front());
-    deliveries_.pop_front();
-    auto sit = sessions_.find(d.session);
-    if (sit != sessions_.end()) receive_flow(sit->second, d.to_half, d.bytes);
-  }
+  do {
+    while (!deliveries_.empty()) {
+      Delivery d = std::move(deliveries_.front());
+      deliveries_.pop_front();
+      auto sit = sessions_.find(d.session);
+      if (sit != sessions_.end()) receive_flow(sit->second, d.to_half, d.bytes);
+    }
+  } while (release_due_paced());
   pumping_ = false;
+}
+
+// --- pacing
+//
+// A verb that flushed is answered once the partner end holds fewer than W
+// data bytes that this end transmitted and the partner has not received.
+// The data itself has gone; holding the verb keeps the program from sending
+// more, which bounds what a conversation can pile up at its partner. Only a
+// partner on this node is measured; a remote partner's node paces its
+// session itself.
+
+void Node::clear_incoming(End& e) {
+  e.in_q.clear();
+  e.in_bytes = 0;
+}
+
+size_t Node::pacing_window(const End& e) const {
+  auto sit = sessions_.find(e.session);
+  return sit == sessions_.end() ? 0 : sit->second.pacing_window;
+}
+
+size_t Node::unreceived(const End& e) {
+  auto sit = sessions_.find(e.session);
+  if (sit == sessions_.end()) return 0;
+  Session& s = sit->second;
+  const int other = 1 - e.half;
+  if (!s.half[other].here) return 0;
+  const End* p = end_of(s, other);
+  return p ? p->in_bytes : 0;
+}
+
+void Node::finish_flush(End& e, ClientId c, uint64_t tag, const Verb& v, VerbResult r, bool delete_after) {
+  // What this verb transmitted is still on its way to the partner end;
+  // counting it here answers at once in the common case, and the check
+  // after delivery (release_due_paced) corrects an over-estimate.
+  const size_t W = pacing_window(e);
+  if (W == 0 || unreceived(e) + e.flushed_bytes < W) return answer_flush(e, c, tag, v, std::move(r), delete_after);
+  PendingVerb p;
+  p.client = c;
+  p.tag = tag;
+  p.verb = v;
+  p.wait = PendingVerb::Wait::kPacing;
+  p.issued_state = e.pending ? e.pending->issued_state : e.state;
+  p.delete_on_ok = delete_after;
+  p.paced_result = std::move(r);
+  e.pending = std::move(p);
+  paced_.insert(e.conv_id);
+}
+
+// The verb's answer, by the usual rules as they stand now: a SEND_DATA that
+// leaves its end sending returns a report that arrived meanwhile, or a
+// failure; everything else returns what it did.
+void Node::answer_flush(End& e, ClientId c, uint64_t tag, const Verb& v, VerbResult r, bool delete_after) {
+  const uint32_t conv = e.conv_id;
+  if (v.opcode == Opcode::kSendData) {
+    if (!delete_after && report_waiting(e)) return complete_with_report(e, c, tag, v);
+    if (!delete_after && e.failed) {
+      complete(c, tag, v, code(e.failure_code, e.failure_sense));
+      return delete_end(conv);
+    }
+    r.rts_received = take_rts(e);
+  }
+  complete(c, tag, v, std::move(r));
+  if (delete_after) delete_end(conv);
+}
+
+void Node::release_paced(End& e) {
+  paced_.erase(e.conv_id);
+  if (!e.pending || e.pending->wait != PendingVerb::Wait::kPacing) return;
+  PendingVerb p = std::move(*e.pending);
+  e.pending.reset();
+  answer_flush(e, p.client, p.tag, p.verb, std::move(p.paced_result), p.delete_on_ok);
+}
+
+bool Node::release_due_paced() {
+  std::vector<uint32_t> due;
+  for (auto it = paced_.begin(); it != paced_.end();) {
+    auto e = ends_.find(*it);
+    if (e == ends_.end() || !e->second.pending || e->second.pending->wait != PendingVerb::Wait::kPacing) {
+      it = paced_.erase(it);
+      continue;
+    }
+    const size_t W = pacing_window(e->second);  // 0: the session is gone
+    if (W == 0 || unreceived(e->second) < W) due.push_back(*it);
+    ++it;
+  }
+  for (uint32_t conv : due) {
+    auto e = ends_.find(conv);
+    if (e != ends_.end()) release_paced(e->second);
+  }
+  return !due.empty();
 }
 
 void Node::receive_flow(Session& s, int half, ByteView bytes) {
@@ -384,7 +479,10 @@ void Node::receive_data_bytes(Session& s, int half, End* e, ByteView data) {
   // An end that holds the send direction takes nothing from its partner
   // unless a report already waits for it.
   if (sending(e->state) && e->in_q.empty()) return;
-  for (InItem& it : items) e->in_q.push_back(std::move(it));
+  for (InItem& it : items) {
+    e->in_bytes += it.data.size();
+    e->in_q.push_back(std::move(it));
+  }
   retry_pending_receive(*e);
 }
 

@@ -126,6 +126,7 @@ bool Node::try_receive(End& e, const Verb& v, bool wait, VerbResult& r) {
       break;
     }
   }
+  e.in_bytes -= std::min(e.in_bytes, r.data.size());
   r.what_received = unit_mode ? (ends_unit ? 0x0200 : 0x0400) : 0x0100;
   e.state = ConvState::kReceive;
   if (ends_unit && v.return_status_with_data == 1 && !e.in_q.empty() &&
@@ -174,10 +175,14 @@ void Node::fail_end(End& e, uint16_t primary, uint32_t sense_code) {
   e.failed = true;
   e.failure_code = primary;
   e.failure_sense = sense_code;
-  e.in_q.clear();
+  clear_incoming(e);
   e.send_buf.clear();
   e.send_bytes = 0;
   e.session = 0;  // the session is gone
+  if (e.pending && e.pending->wait == PendingVerb::Wait::kPacing) {
+    release_paced(e);  // a held SEND_DATA reports the failure; other verbs their own result
+    return;
+  }
   if (e.pending) {
     VerbResult r = code(primary, sense_code);
     const uint32_t conv = e.conv_id;

@@ -110,7 +110,7 @@ void Node::do_cancel(ClientId c, uint64_t tag, const Verb& v) {
     complete_pending(*e, code(rc::kCancelled));
     e->send_buf.clear();
     e->send_bytes = 0;
-    e->in_q.clear();
+    clear_incoming(*e);
     abend_end(*e, sense::kAbendProgram, {}, false);
     delete_end(v.conv_id);
   } else if (tp_set) {

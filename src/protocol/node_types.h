@@ -61,11 +61,15 @@ struct PendingVerb {
   ClientId client = 0;
   uint64_t tag = 0;
   Verb verb;
-  enum class Wait : uint8_t { kReply, kReceive } wait = Wait::kReply;
+  // kPacing: the verb has done its work and is held until the partner has
+  // received enough of what this end transmitted (paced_result is its
+  // answer then).
+  enum class Wait : uint8_t { kReply, kReceive, kPacing } wait = Wait::kReply;
   ConvState issued_state = ConvState::kSend;
-  // On a positive reply:
+  // On a positive reply, or on release from pacing:
   bool delete_on_ok = false;
   ConvState ok_state = ConvState::kSend;
+  VerbResult paced_result;
 };
 
 struct End {
@@ -83,6 +87,9 @@ struct End {
   size_t send_bytes = 0;
   LogicalRecordScanner out_lr;
   std::deque<InItem> in_q;
+  size_t in_bytes = 0;       // data bytes in in_q: transmitted to this end, not yet received
+  size_t flushed_bytes = 0;  // bytes this end transmitted during the current verb
+  bool deallocated = false;  // its bracket has ended; it only waits for pacing
   bool failed = false;
   uint16_t failure_code = 0;
   uint32_t failure_sense = 0;
@@ -123,6 +130,7 @@ struct Session {
   Name8 mode{};
   uint32_t max_ru = 1024;
   uint32_t send_buffer = 4096;
+  uint32_t pacing_window = 65536;  // W: unreceived bytes that hold a sender's flush
   HalfSession half[2];  // 0: primary (contention winner), 1: secondary
 };
 
