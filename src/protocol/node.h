@@ -201,7 +201,7 @@ class Node {
   void pump();
   void receive_flow(Session& s, int half, ByteView bytes);
   void receive_fmd(Session& s, int half, const Flow& f);
-  void receive_data_bytes(Session& s, int half, End* e, ByteView data);
+  void receive_data_bytes(Session& s, int half, End* e, ByteView data, bool retry);
   void end_of_chain(Session& s, int half, End* e, const Rh& rh);
   void receive_response(Session& s, int half, const Flow& f);
   void receive_control(Session& s, int half, const Flow& f);

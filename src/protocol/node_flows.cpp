@@ -439,12 +439,19 @@ void Node::receive_fmd(Session& s, int half, const Flow& f) {
     }
   }
   End* e = end_of(s, half);
-  if (!ru.empty()) receive_data_bytes(s, half, e, ru);
+  // A receive waiting at the end learns of the chain's end indication
+  // together with the data that came in the same request, so that it can
+  // report both at once.
+  if (!ru.empty()) receive_data_bytes(s, half, e, ru, !f.rh.end_chain);
   if (!sessions_.count(sid)) return;
-  if (f.rh.end_chain) end_of_chain(s, half, end_of(s, half), f.rh);
+  if (f.rh.end_chain) {
+    end_of_chain(s, half, end_of(s, half), f.rh);
+    if (!sessions_.count(sid)) return;
+    if (End* after = end_of(s, half)) retry_pending_receive(*after);
+  }
 }
 
-void Node::receive_data_bytes(Session& s, int half, End* e, ByteView data) {
+void Node::receive_data_bytes(Session& s, int half, End* e, ByteView data, bool retry) {
   HalfSession& hs = s.half[half];
   std::vector<InItem> items;
   if (hs.type == ConvType::kMapped) {
@@ -483,7 +490,7 @@ void Node::receive_data_bytes(Session& s, int half, End* e, ByteView data) {
     e->in_bytes += it.data.size();
     e->in_q.push_back(std::move(it));
   }
-  retry_pending_receive(*e);
+  if (retry) retry_pending_receive(*e);
 }
 
 void Node::end_of_chain(Session& s, int half, End* e, const Rh& rh) {

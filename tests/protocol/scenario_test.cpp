@@ -417,6 +417,65 @@ TEST(ProtoScenario, TpEndedCompletesVerbsFirst) {  // row 24
   EXPECT_EQ(h.run(Harness::kA, g).secondary, 0xF1u);
 }
 
+TEST(ProtoScenario, StartedProgramAcceptsAndEchoes) {  // row 26
+  NodeConfig cfg;
+  cfg.local_lus.push_back({"LOCAL", "NETWORK.LOCAL", ""});
+  cfg.local_lus.push_back({"SECOND", "NETWORK.SECOND", ""});
+  cfg.partners.push_back({"TOSECOND", "NETWORK.SECOND"});
+  cfg.tp_definitions.push_back(TpDefinition{"ECHO"});
+  Harness h(std::move(cfg));
+  h.tp_a = h.start_tp(Harness::kA);
+  h.conv_a = h.run(Harness::kA, h.allocate_verb("ECHO")).conv_id;
+  EXPECT_TRUE(h.programs.empty()) << "the attach has not been sent yet";
+  EXPECT_EQ(h.send(A, text("E"), 3).primary, 0);
+  ASSERT_EQ(h.programs.size(), 1u);
+  EXPECT_EQ(h.programs[0].tp_name, "ECHO");           // APPCTPN
+  EXPECT_EQ(h.programs[0].local_lu_alias, "LOCAL");   // APPCLLU
+  ASSERT_EQ(h.timers.size(), 1u);
+  EXPECT_EQ(h.timers[0].milliseconds, 60000u) << "the node's default attach timeout";
+  const uint64_t rcv_a = h.rcv(A);
+
+  // The program starts, connects, takes the attach and echoes.
+  h.absorb(h.node.program_started(h.programs[0].instance, 300));
+  constexpr ClientId kEcho = 3;
+  h.node.client_connected(kEcho, 300, "echo");
+  h.register_name(kEcho, "ECHO");
+  VerbResult acc = h.result(h.receive_allocate(kEcho));
+  ASSERT_EQ(acc.primary, 0);
+  EXPECT_EQ(ebcdic_text(acc.tp_name), "ECHO");
+  EXPECT_EQ(std::string(acc.local_lu_alias.begin(), acc.local_lu_alias.end()), "LOCAL   ");
+  Verb r = h.conv_verb(Opcode::kReceiveAndWait, B);
+  r.tp_id = acc.tp_id;
+  r.conv_id = acc.conv_id;
+  r.max_length = 100;
+  r.return_status_with_data = 1;
+  VerbResult got = h.run(kEcho, r);
+  EXPECT_EQ(got.what_received, 0x0201);
+  EXPECT_EQ(got.data, text("E"));
+  Verb s = h.conv_verb(Opcode::kSendData, B);
+  s.tp_id = acc.tp_id;
+  s.conv_id = acc.conv_id;
+  s.data = got.data;
+  s.data_length = 1;
+  s.send_type = 3;
+  EXPECT_EQ(h.run(kEcho, s).primary, 0);
+  VerbResult echoed = h.result(rcv_a);
+  EXPECT_EQ(echoed.what_received, 0x0201);
+  EXPECT_EQ(echoed.data, text("E"));
+
+  // The instance has taken its attach: the next attach needs another one,
+  // started on the LU that receives it.
+  Verb second = h.allocate_verb("ECHO");
+  const std::string alias = "TOSECOND";
+  std::copy(alias.begin(), alias.end(), second.partner_lu_alias.begin());
+  h.conv_a = h.run(Harness::kA, second).conv_id;
+  EXPECT_EQ(h.simple(A, Opcode::kFlush).primary, 0);
+  ASSERT_EQ(h.programs.size(), 2u);
+  EXPECT_EQ(h.programs[1].tp_name, "ECHO");
+  EXPECT_EQ(h.programs[1].local_lu_alias, "SECOND");
+  EXPECT_NE(h.programs[1].instance, h.programs[0].instance);
+}
+
 TEST(ProtoScenario, AttachManagerFailureAndTimeout) {  // rows 27, 28
   {
     Harness h(with_definitions());
@@ -462,6 +521,32 @@ TEST(ProtoScenario, SessionLimitWithImmediateReturn) {  // row 30
   al.return_control = 1;
   EXPECT_EQ(h.run(Harness::kA, al).primary, 0);
   EXPECT_EQ(h.run(Harness::kA, al).primary, 0x0014);
+  EXPECT_EQ(h.node.session_count(), 1u);
+}
+
+TEST(ProtoScenario, SessionLimitMakesAllocateWaitForTheSession) {  // row 30, return control 0
+  Harness h(with_definitions());
+  h.tp_a = h.start_tp(Harness::kA);
+  h.register_name(Harness::kB, "SRV");
+  const uint64_t acc = h.receive_allocate(Harness::kB);
+  Verb al = h.allocate_verb("SRV");
+  Bytes m = ebcdic_field("ONE", 8);
+  std::copy(m.begin(), m.end(), al.mode_name.begin());
+  VerbResult first = h.run(Harness::kA, al);
+  ASSERT_EQ(first.primary, 0);
+  h.conv_a = first.conv_id;
+  const uint64_t waiting = h.issue(Harness::kA, al);
+  EXPECT_FALSE(h.finished(waiting)) << "no session free: the ALLOCATE waits";
+  ASSERT_EQ(h.simple(A, Opcode::kFlush).primary, 0);
+  VerbResult b = h.result(acc);
+  ASSERT_EQ(b.primary, 0);
+  h.tp_b = b.tp_id;
+  h.conv_b = b.conv_id;
+  EXPECT_EQ(h.deallocate(A, 1).primary, 0);
+  EXPECT_FALSE(h.finished(waiting)) << "B has not yet received the end";
+  EXPECT_EQ(h.result(h.rcv(B)).primary, rc::kDeallocNormal);
+  ASSERT_TRUE(h.finished(waiting));
+  EXPECT_EQ(h.result(waiting).primary, 0);
   EXPECT_EQ(h.node.session_count(), 1u);
 }
 
