@@ -256,8 +256,7 @@ extern "C" SNA_EXPORT void cmacci(unsigned char *conversation_ID, CM_INT32 *retu
   const uint16_t token = vpm_lock();
   *return_code = CM_OK;
   if (api_trace_on()) seputrcp(1, 42, nullptr, conversation_ID, nullptr, nullptr, nullptr, nullptr, nullptr);
-  if (fInitCPIC == 0) SCC_init();
-  CCCB *c = SCC_find_or_report(conversation_ID, return_code, 0);
+  CCCB *c = SCC_init_and_find(conversation_ID, return_code, 0);
   if (c != nullptr) {
     SCC_inbound_issue_verb(c, 42, cmacci_cb, c->usProcessingMode, 0, conversation_ID, return_code);
   }

@@ -35,7 +35,9 @@ extern "C" SNA_EXPORT void cmsctx(unsigned char *context_ID, CM_INT32 *context_I
   if (fInitCPIC == 0) SCC_init();
   GCB *g = pGCB;
   CCCB *c = nullptr;
-  if (*context_ID_length != 8) {
+  if (fInitCPIC == 0) {
+    *return_code = CM_PRODUCT_SPECIFIC_ERROR;
+  } else if (*context_ID_length != 8) {
     *return_code = CM_PROGRAM_PARAMETER_CHECK;
   } else if (std::memcmp(context_ID, g->abContextTpId, 8) == 0) {
     *return_code = CM_OK;
@@ -63,8 +65,7 @@ extern "C" SNA_EXPORT void cmectx(unsigned char *conversation_ID, unsigned char 
   const uint16_t token = vpm_lock();
   *return_code = CM_OK;
   if (api_trace_on()) seputrcp(1, 56, nullptr, conversation_ID, nullptr, nullptr, nullptr, nullptr, nullptr);
-  if (fInitCPIC == 0) SCC_init();
-  CCCB *c = SCC_find_or_report(conversation_ID, return_code, 6);
+  CCCB *c = SCC_init_and_find(conversation_ID, return_code, 6);
   if (c != nullptr) {
     if (c->ulApplConvId == 0) {
       *return_code = CM_PROGRAM_STATE_CHECK;

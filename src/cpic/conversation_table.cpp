@@ -69,6 +69,16 @@ CCCB *SCC_find_or_report(const uint8_t *conversation_id, int32_t *return_code,
   return c;
 }
 
+CCCB *SCC_init_and_find(const uint8_t *conversation_id, int32_t *return_code, uint32_t sub_code) {
+  if (fInitCPIC == 0) SCC_init();
+  if (fInitCPIC == 0) {
+    // Not the caller's conversation ID at fault: nothing can be found.
+    *return_code = CM_PRODUCT_SPECIFIC_ERROR;
+    return nullptr;
+  }
+  return SCC_find_or_report(conversation_id, return_code, sub_code);
+}
+
 void SCC_free_cccb(CCCB *c) {
   GCB *g = pGCB;
   if (!all_zero(c->abTpId, 8) && std::memcmp(c->abTpId, g->abContextTpId, 8) != 0 &&

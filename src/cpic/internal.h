@@ -71,6 +71,10 @@ void SCC_free_handles_from_table(uint32_t table);
 // record with the given sub-code and sets 24.
 CCCB *SCC_find_or_report(const uint8_t *conversation_id, int32_t *return_code,
                          uint32_t sub_code);
+// The first steps of a call on a conversation: initialise the library on
+// first use (20 when it cannot be), then find the conversation as
+// SCC_find_or_report does.
+CCCB *SCC_init_and_find(const uint8_t *conversation_id, int32_t *return_code, uint32_t sub_code);
 
 // ---- Return codes (return_code_map.cpp) ----
 void SCC_map_return_codes(int32_t *return_code_out, uint16_t primary,

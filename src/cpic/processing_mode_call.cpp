@@ -14,7 +14,7 @@ extern "C" SNA_EXPORT void cmspm(unsigned char *conversation_ID, CM_INT32 *proce
   CCCB *c = nullptr;
   SCC_find_cccb(conversation_ID, &c, pGCB);
   if (api_trace_on()) seputrcp(1, 40, c, conversation_ID, processing_mode, nullptr, nullptr, nullptr, nullptr);
-  c = SCC_find_or_report(conversation_ID, return_code, 32);
+  c = SCC_init_and_find(conversation_ID, return_code, 32);
   if (c != nullptr) {
     if (flag_get(c->usOpsOutstanding) != 0) {
       *return_code = CM_OPERATION_NOT_ACCEPTED;

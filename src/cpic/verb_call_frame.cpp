@@ -8,8 +8,7 @@ namespace cpic {
 
 CCCB *SCC_conversation_for_verb(const uint8_t *conversation_id, int32_t *return_code,
                                 uint32_t sub_code) {
-  if (fInitCPIC == 0) SCC_init();
-  CCCB *c = SCC_find_or_report(conversation_id, return_code, sub_code);
+  CCCB *c = SCC_init_and_find(conversation_id, return_code, sub_code);
   if (c == nullptr) return nullptr;
   if (flag_get(c->usOpsOutstanding) != 0) {
     *return_code = CM_OPERATION_NOT_ACCEPTED;

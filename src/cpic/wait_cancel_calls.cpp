@@ -188,8 +188,7 @@ extern "C" SNA_EXPORT void cmcanc(unsigned char *conversation_ID, CM_INT32 *retu
   const uint16_t token = vpm_lock();
   *return_code = CM_OK;
   if (api_trace_on()) seputrcp(1, 44, nullptr, conversation_ID, nullptr, nullptr, nullptr, nullptr, nullptr);
-  if (fInitCPIC == 0) SCC_init();
-  CCCB *c = SCC_find_or_report(conversation_ID, return_code, 2);
+  CCCB *c = SCC_init_and_find(conversation_ID, return_code, 2);
   if (c != nullptr) *return_code = cancel(c, conversation_ID);
   SCC_trace_response(44, conversation_ID, return_code, nullptr, nullptr, nullptr, nullptr, nullptr);
   vpm_unlock(token);
