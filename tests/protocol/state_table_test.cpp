@@ -1,5 +1,10 @@
 // Verb legality by conversation state, and the flows verbs put on the
 // session, checked field by field.
+#include <algorithm>
+#include <initializer_list>
+#include <string>
+#include <vector>
+
 #include "harness.h"
 
 namespace sna::proto::test {
@@ -37,83 +42,145 @@ bool reach(Harness& h, At at) {
   return B;
 }
 
-struct StateCase {
+// Every verb of the conversation state table in every state an end can be
+// observed in: where the table says the verb is legal, what it does and the
+// state it leaves; elsewhere 0x0002 / 0x00000020 and nothing changed.
+enum class Outcome { kOk, kWaits, kUnsuccessful, kState };
+constexpr int kSame = -1, kGone = -2;
+
+struct VerbRow {
   const char* name;
+  Opcode op;
+  uint8_t type;  // send type, DEALLOCATE or PREPARE_TO_RECEIVE type
+  std::initializer_list<At> legal;
+  Outcome outcome;
+  int after;  // GET_STATE after a legal verb, kSame or kGone
+};
+
+const VerbRow kVerbRows[] = {
+    {"SEND_DATA type 0", Opcode::kSendData, 0, {At::kS, At::kSP}, Outcome::kOk, 1},
+    {"SEND_DATA type 1", Opcode::kSendData, 1, {At::kS, At::kSP}, Outcome::kOk, 1},
+    {"SEND_DATA type 2", Opcode::kSendData, 2, {At::kS, At::kSP}, Outcome::kWaits, 6},
+    {"SEND_DATA type 3", Opcode::kSendData, 3, {At::kS, At::kSP}, Outcome::kOk, 2},
+    {"SEND_DATA type 4", Opcode::kSendData, 4, {At::kS, At::kSP}, Outcome::kWaits, 6},
+    {"SEND_DATA type 5", Opcode::kSendData, 5, {At::kS, At::kSP}, Outcome::kOk, kGone},
+    {"SEND_DATA type 6", Opcode::kSendData, 6, {At::kS, At::kSP}, Outcome::kWaits, 6},
+    {"SEND_DATA type 7", Opcode::kSendData, 7, {At::kS, At::kSP}, Outcome::kOk, kGone},
+    {"FLUSH", Opcode::kFlush, 0, {At::kS, At::kSP}, Outcome::kOk, 1},
+    {"CONFIRM", Opcode::kConfirm, 0, {At::kS, At::kSP}, Outcome::kWaits, 6},
+    {"PREPARE_TO_RECEIVE flush", Opcode::kPrepareToReceive, 1, {At::kS, At::kSP}, Outcome::kOk, 2},
+    {"PREPARE_TO_RECEIVE confirm", Opcode::kPrepareToReceive, 0, {At::kS, At::kSP}, Outcome::kWaits, 6},
+    {"RECEIVE_AND_WAIT", Opcode::kReceiveAndWait, 0, {At::kR, At::kS, At::kSP}, Outcome::kWaits, 6},
+    {"RECEIVE_IMMEDIATELY", Opcode::kReceiveImmediately, 0, {At::kR}, Outcome::kUnsuccessful, kSame},
+    {"REQUEST_TO_SEND", Opcode::kRequestToSend, 0, {At::kS, At::kSP, At::kR, At::kC, At::kCS, At::kCD},
+     Outcome::kOk, kSame},
+    {"TEST_RTS", Opcode::kTestRts, 0, {At::kS, At::kSP, At::kR}, Outcome::kUnsuccessful, kSame},
+    {"SEND_ERROR", Opcode::kSendError, 0, {At::kS, At::kSP, At::kR, At::kC, At::kCS, At::kCD}, Outcome::kOk, 1},
+    {"DEALLOCATE confirm", Opcode::kDeallocate, 0, {At::kS, At::kSP}, Outcome::kWaits, 6},
+    {"DEALLOCATE flush", Opcode::kDeallocate, 1, {At::kS, At::kSP}, Outcome::kOk, kGone},
+    {"DEALLOCATE abend program", Opcode::kDeallocate, 2, {At::kS, At::kSP, At::kR, At::kC, At::kCS, At::kCD},
+     Outcome::kOk, kGone},
+    {"DEALLOCATE abend service", Opcode::kDeallocate, 3, {At::kS, At::kSP, At::kR, At::kC, At::kCS, At::kCD},
+     Outcome::kOk, kGone},
+    {"DEALLOCATE abend timer", Opcode::kDeallocate, 4, {At::kS, At::kSP, At::kR, At::kC, At::kCS, At::kCD},
+     Outcome::kOk, kGone},
+    {"DEALLOCATE abend", Opcode::kDeallocate, 5, {At::kS, At::kSP, At::kR, At::kC, At::kCS, At::kCD},
+     Outcome::kOk, kGone},
+    {"GET_STATE", Opcode::kGetState, 0, {At::kS, At::kSP, At::kR, At::kC, At::kCS, At::kCD}, Outcome::kState,
+     kSame},
+};
+
+struct StateCase {
+  std::string name;
   Opcode op;
   uint8_t type;
   At at;
-  uint16_t primary;
-  uint32_t secondary;
+  bool legal;
+  Outcome outcome;
+  int after;
 };
 inline void PrintTo(const StateCase& c, std::ostream* os) { *os << c.name; }
 
-const StateCase kCases[] = {
-    {"SEND_DATA in R", Opcode::kSendData, 0, At::kR, 2, 0x20},
-    {"SEND_DATA in C", Opcode::kSendData, 0, At::kC, 2, 0x20},
-    {"SEND_DATA in CS", Opcode::kSendData, 0, At::kCS, 2, 0x20},
-    {"SEND_DATA in CD", Opcode::kSendData, 0, At::kCD, 2, 0x20},
-    {"SEND_DATA in S", Opcode::kSendData, 0, At::kS, 0, 0},
-    {"SEND_DATA in SP", Opcode::kSendData, 0, At::kSP, 0, 0},
-    {"FLUSH in R", Opcode::kFlush, 0, At::kR, 2, 0x20},
-    {"FLUSH in C", Opcode::kFlush, 0, At::kC, 2, 0x20},
-    {"FLUSH in SP", Opcode::kFlush, 0, At::kSP, 0, 0},
-    {"CONFIRM in R", Opcode::kConfirm, 0, At::kR, 2, 0x20},
-    {"CONFIRM in CD", Opcode::kConfirm, 0, At::kCD, 2, 0x20},
-    {"CONFIRMED in S", Opcode::kConfirmed, 0, At::kS, 2, 0x20},
-    {"CONFIRMED in R", Opcode::kConfirmed, 0, At::kR, 2, 0x20},
-    {"CONFIRMED in SP", Opcode::kConfirmed, 0, At::kSP, 2, 0x20},
-    {"CONFIRMED in C", Opcode::kConfirmed, 0, At::kC, 0, 0},
-    {"CONFIRMED in CS", Opcode::kConfirmed, 0, At::kCS, 0, 0},
-    {"CONFIRMED in CD", Opcode::kConfirmed, 0, At::kCD, 0, 0},
-    {"PREPARE_TO_RECEIVE in R", Opcode::kPrepareToReceive, 1, At::kR, 2, 0x20},
-    {"PREPARE_TO_RECEIVE in C", Opcode::kPrepareToReceive, 1, At::kC, 2, 0x20},
-    {"PREPARE_TO_RECEIVE in SP", Opcode::kPrepareToReceive, 1, At::kSP, 0, 0},
-    {"RECEIVE_IMMEDIATELY in S", Opcode::kReceiveImmediately, 0, At::kS, 2, 0x20},
-    {"RECEIVE_IMMEDIATELY in SP", Opcode::kReceiveImmediately, 0, At::kSP, 2, 0x20},
-    {"RECEIVE_IMMEDIATELY in C", Opcode::kReceiveImmediately, 0, At::kC, 2, 0x20},
-    {"RECEIVE_IMMEDIATELY in R", Opcode::kReceiveImmediately, 0, At::kR, 0x14, 0},
-    {"RECEIVE_AND_WAIT in C", Opcode::kReceiveAndWait, 0, At::kC, 2, 0x20},
-    {"RECEIVE_AND_WAIT in CS", Opcode::kReceiveAndWait, 0, At::kCS, 2, 0x20},
-    {"RECEIVE_AND_WAIT in CD", Opcode::kReceiveAndWait, 0, At::kCD, 2, 0x20},
-    {"REQUEST_TO_SEND in C", Opcode::kRequestToSend, 0, At::kC, 0, 0},
-    {"REQUEST_TO_SEND in CD", Opcode::kRequestToSend, 0, At::kCD, 0, 0},
-    {"TEST_RTS in C", Opcode::kTestRts, 0, At::kC, 2, 0x20},
-    {"TEST_RTS in CS", Opcode::kTestRts, 0, At::kCS, 2, 0x20},
-    {"TEST_RTS in R", Opcode::kTestRts, 0, At::kR, 0x14, 0},
-    {"TEST_RTS in SP", Opcode::kTestRts, 0, At::kSP, 0x14, 0},
-    {"SEND_ERROR in C", Opcode::kSendError, 0, At::kC, 0, 0},
-    {"SEND_ERROR in CD", Opcode::kSendError, 0, At::kCD, 0, 0},
-    {"SEND_ERROR in SP", Opcode::kSendError, 0, At::kSP, 0, 0},
-    {"DEALLOCATE flush in R", Opcode::kDeallocate, 1, At::kR, 2, 0x20},
-    {"DEALLOCATE flush in C", Opcode::kDeallocate, 1, At::kC, 2, 0x20},
-    {"DEALLOCATE confirm in CS", Opcode::kDeallocate, 0, At::kCS, 2, 0x20},
-    {"DEALLOCATE abend in R", Opcode::kDeallocate, 2, At::kR, 0, 0},
-    {"DEALLOCATE abend in C", Opcode::kDeallocate, 2, At::kC, 0, 0},
-    {"DEALLOCATE service abend in CD", Opcode::kDeallocate, 3, At::kCD, 0, 0},
-    {"DEALLOCATE timer abend in SP", Opcode::kDeallocate, 4, At::kSP, 0, 0},
-    {"DEALLOCATE flush in SP", Opcode::kDeallocate, 1, At::kSP, 0, 0},
-};
+const char* at_name(At a) {
+  switch (a) {
+    case At::kS: return "S";
+    case At::kSP: return "SP";
+    case At::kR: return "R";
+    case At::kC: return "C";
+    case At::kCS: return "CS";
+    case At::kCD: return "CD";
+  }
+  return "?";
+}
+
+uint8_t state_value(At a) {
+  switch (a) {
+    case At::kS: return 1;
+    case At::kSP: return 9;
+    case At::kR: return 2;
+    case At::kC: return 3;
+    case At::kCS: return 4;
+    case At::kCD: return 5;
+  }
+  return 0;
+}
+
+std::vector<StateCase> state_cases() {
+  std::vector<StateCase> out;
+  for (const VerbRow& row : kVerbRows)
+    for (At at : {At::kS, At::kSP, At::kR, At::kC, At::kCS, At::kCD}) {
+      const bool legal = std::find(row.legal.begin(), row.legal.end(), at) != row.legal.end();
+      out.push_back({std::string(row.name) + " in " + at_name(at), row.op, row.type, at, legal, row.outcome, row.after});
+    }
+  return out;
+}
 
 class ProtoVerbState : public ::testing::TestWithParam<StateCase> {};
 
-TEST_P(ProtoVerbState, LegalityFollowsTheState) {
+TEST_P(ProtoVerbState, LegalityAndEffectFollowTheState) {
   const auto& c = GetParam();
   Harness h;
   const bool side = reach(h, c.at);
   const uint8_t before = h.state(side);
+  ASSERT_EQ(before, state_value(c.at));
   Verb v = h.conv_verb(c.op, side);
   v.type = c.type;
   v.send_type = c.type;
   v.max_length = 10;
-  VerbResult r = h.run(side ? Harness::kA : Harness::kB, v);
-  EXPECT_EQ(r.primary, c.primary);
-  EXPECT_EQ(r.secondary, c.secondary);
-  if (r.primary == 2) {
+  v.data = text("Q");
+  v.data_length = 1;
+  const uint64_t t = h.issue(side ? Harness::kA : Harness::kB, v);
+  if (!c.legal) {
+    VerbResult r = h.result(t);
+    EXPECT_EQ(r.primary, rc::kStateCheck);
+    EXPECT_EQ(r.secondary, rc::kBadState);
     EXPECT_EQ(h.state(side), before) << "a refused verb changes nothing";
+    return;
+  }
+  switch (c.outcome) {
+    case Outcome::kWaits:
+      EXPECT_FALSE(h.finished(t)) << "the verb waits for the partner";
+      break;
+    case Outcome::kOk:
+      EXPECT_EQ(h.result(t).primary, 0);
+      EXPECT_EQ(h.result(t).secondary, 0u);
+      break;
+    case Outcome::kUnsuccessful:
+      EXPECT_EQ(h.result(t).primary, rc::kUnsuccessful);
+      break;
+    case Outcome::kState:
+      EXPECT_EQ(h.result(t).primary, 0);
+      EXPECT_EQ(h.result(t).state, before);
+      break;
+  }
+  if (c.after == kGone) {
+    EXPECT_EQ(h.simple(side, Opcode::kGetState).secondary, rc::kBadConvId) << "the end is deleted";
+  } else {
+    EXPECT_EQ(h.state(side), c.after == kSame ? before : c.after);
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(ProtoTable, ProtoVerbState, ::testing::ValuesIn(kCases));
+INSTANTIATE_TEST_SUITE_P(ProtoTable, ProtoVerbState, ::testing::ValuesIn(state_cases()));
 
 TEST(ProtoVerbChecks, OutstandingVerbBlocksOthersButNotGetStateOrRts) {
   Harness h;
