@@ -138,6 +138,16 @@ int hello(int fd) {
   return 0;
 }
 
+/* A fork that runs no fork handlers: neither the application's nor the
+ * runtime's own have any business in a child that only execs. */
+pid_t plain_fork() {
+#if defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 34))
+  return _Fork();
+#else
+  return fork();
+#endif
+}
+
 /* Any function of this library: dladdr names the file it was loaded from. */
 void library_anchor() {}
 
@@ -147,7 +157,7 @@ void library_anchor() {}
 [[noreturn]] void run_detached(const char *program, char *const argv[], int ready_fd,
                                int error_fd) {
   setsid();
-  pid_t grandchild = fork();
+  pid_t grandchild = plain_fork();
   if (grandchild != 0) _exit(grandchild < 0 ? 1 : 0);
 
   /* Out of the way of 0-4 first, then into place. */
@@ -216,7 +226,7 @@ int autostart(const char *path) {
   sigset_t all, previous;
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &previous);
-  pid_t child = fork();
+  pid_t child = plain_fork();
   if (child == 0) run_detached(program, argv, ready[1], error[1]);
   int fork_error = child < 0 ? errno : 0;
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);

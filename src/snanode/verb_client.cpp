@@ -68,7 +68,7 @@ pthread_mutex_t write_mutex = PTHREAD_MUTEX_INITIALIZER;
 LinkState state = LinkState::kDisconnected;
 int link_fd = -1;
 uint32_t generation = 0;    /* counts connections */
-pid_t link_pid = 0;         /* the process that made the connection */
+pid_t owner_pid = 0;        /* the process the connection and thread belong to */
 uint64_t next_tag = 1;
 Pending *first = nullptr;
 Pending *last = nullptr;
@@ -117,6 +117,7 @@ void forget_connection_locked() {
   state = LinkState::kDisconnected;
   connecting = false;
   thread_running = false;
+  owner_pid = 0;
   /* The requests are the parent's: their routines must never run here. */
   Pending *p = first;
   while (p) {
@@ -455,7 +456,7 @@ enum class Admission { kAdmitted, kUnreachable, kRefused };
 Admission admit(Pending *p, uint32_t *gen, uint64_t *tag, int *error) {
   pthread_once(&fork_handlers_once, install_fork_handlers);
   pthread_mutex_lock(&client_mutex);
-  if (state != LinkState::kDisconnected && link_pid != getpid()) {
+  if (owner_pid != 0 && owner_pid != getpid()) {
     /* A child made without the fork handlers (a raw clone). */
     forget_connection_locked();
   }
@@ -500,7 +501,7 @@ Admission admit(Pending *p, uint32_t *gen, uint64_t *tag, int *error) {
     if (rc == 0) {
       if (need_thread) thread_running = true;
       link_fd = fd;
-      link_pid = getpid();
+      owner_pid = getpid();
       ++generation;
       state = LinkState::kConnected;
     } else {
@@ -515,13 +516,14 @@ Admission admit(Pending *p, uint32_t *gen, uint64_t *tag, int *error) {
   }
 }
 
-/* Waits for p's reply. The runtime thread reads and delivers meanwhile. */
-void wait_done(Pending *p, uint32_t gen) {
+/* Waits for p's reply. The runtime thread reads and delivers meanwhile.
+ * Returns false if p was not delivered (it has then been withdrawn). */
+bool wait_done(Pending *p, uint32_t gen) {
   if (!on_runtime_thread) {
     pthread_mutex_lock(&client_mutex);
     while (!p->done) pthread_cond_wait(p->wake, &client_mutex);
     pthread_mutex_unlock(&client_mutex);
-    return;
+    return true;
   }
   for (;;) {
     int fd = -1;
@@ -529,12 +531,19 @@ void wait_done(Pending *p, uint32_t gen) {
     bool done = p->done;
     bool current = state == LinkState::kConnected && generation == gen;
     fd = link_fd;
-    pthread_mutex_unlock(&client_mutex);
-    if (done) return;
-    if (!current) {
-      /* Cannot happen: a loss completes every entry before it is seen. */
-      return;
+    if (!done && !current) {
+      /* Not expected: a loss delivers every entry before anyone sees it.
+       * Should it ever happen, the entry must not stay in the list. */
+      for (Pending *q = first; q; q = q->next) {
+        if (q == p) {
+          unlink_entry(p);
+          break;
+        }
+      }
     }
+    pthread_mutex_unlock(&client_mutex);
+    if (done) return true;
+    if (!current) return false;
     int error = 0;
     if (!read_and_dispatch(fd, &error)) connection_lost(gen, error);
   }
@@ -571,8 +580,12 @@ uint16_t issue(Pending *p, uint8_t *head, size_t head_length, const void *data,
   wire::put64(head, 8, tag);
   send_frame(gen, head, head_length, data, data_length);
   if (!waits) return APPC_VERB_IN_PROGRESS; /* p may be gone already */
-  wait_done(p, gen);
-  if (p->lock_depth > 0) snanode_lock_reacquire_turn(p->turn, p->lock_depth);
+  if (wait_done(p, gen)) {
+    if (p->lock_depth > 0) snanode_lock_reacquire_turn(p->turn, p->lock_depth);
+  } else {
+    write_codes(p->block, kPrimaryNodeLost, 0);
+    snanode_lock_reacquire(p->lock_depth);
+  }
   pthread_cond_destroy(&wake);
   return APPC_VERB_DONE;
 }
