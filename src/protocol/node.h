@@ -136,6 +136,7 @@ class Node {
                        VerbResult& err);
   bool mode_defined(const Name8& mode, bool& refused) const;
   const ModeConfig* mode_config(const Name8& mode) const;
+  uint32_t new_conv_id();
   SessionId find_free_session(size_t lu, const std::string& partner_fq, const Name8& mode, int& half);
   size_t session_total(size_t lu, const std::string& partner_fq, const Name8& mode) const;
   SessionId start_session(const WaitingAllocate& w);

@@ -72,6 +72,14 @@ std::string service_safe_name(const Bytes& name) {
 
 }  // namespace
 
+uint32_t Node::new_conv_id() {
+  // Never 0, and after the counter wraps never an id still in use.
+  for (;;) {
+    const uint32_t id = next_conv_++;
+    if (id != 0 && !ends_.count(id)) return id;
+  }
+}
+
 bool Node::mode_defined(const Name8& mode, bool& refused) const {
   // A cleared block (all zeros) names the blank mode, as all 0x40 does.
   const bool cleared = std::all_of(mode.begin(), mode.end(), [](uint8_t b) { return b == 0; });
@@ -270,7 +278,7 @@ SessionId Node::start_session(const WaitingAllocate& w) {
 
 void Node::grant_allocate(WaitingAllocate& w, SessionId sid, int half) {
   Session& s = sessions_.at(sid);
-  const uint32_t conv = next_conv_++;
+  const uint32_t conv = new_conv_id();
   End& e = ends_[conv];
   e.conv_id = conv;
   e.tp = w.verb.tp_id;
@@ -380,7 +388,7 @@ void Node::route_attach(Session& s, int half, const Attach& a) {
   } else if (a.sync == AttachSync::kSyncPoint) {
     return reject_attach(s, half, sense::kSyncLevelNotSupported);
   }
-  const uint32_t conv = next_conv_++;
+  const uint32_t conv = new_conv_id();
   End& e = ends_[conv];
   e.conv_id = conv;
   e.has_tp = false;
@@ -499,9 +507,10 @@ void Node::attach_manager(const Bytes& name) {
     inst.id = next_instance_++;
     inst.tp_name = name;
     instances_[inst.id] = inst;
+    // Idle instances serve the oldest attaches; this one is for the next.
+    const std::string& alias = config_.local_lus[ends_.at(qit->second[idle]).local_lu].alias;
     ++idle;
     ++running;
-    const std::string& alias = config_.local_lus[ends_.at(qit->second.front()).local_lu].alias;
     emit(StartProgram{inst.id, service_safe_name(name), alias});
   }
 }
@@ -550,6 +559,8 @@ Actions Node::program_failed(uint64_t instance) {
     auto q = queued_attaches_.find(name);
     if (q != queued_attaches_.end() && !q->second.empty())
       reject_queued(q->second.front(), sense::kTpNotAvailableNoRetry);
+    // Attaches still queued get instances of their own, each with its own try.
+    attach_manager(name);
   }
   pump();
   return take();
@@ -568,6 +579,10 @@ Actions Node::program_exited(uint64_t instance) {
       auto q = queued_attaches_.find(name);
       if (q != queued_attaches_.end() && q->second.size() > idle)
         reject_queued(q->second.front(), sense::kTpNotAvailableNoRetry);
+    } else {
+      // A running instance fewer: an attach held back by the instance limit
+      // may get one now.
+      attach_manager(name);
     }
   }
   pump();

@@ -93,7 +93,13 @@ void Node::do_withdraw(ClientId c, uint64_t tag, const Verb& v) {
 }
 
 void Node::name_unregistered(const Bytes& name) {
-  if (name_registered(name) || definition(name)) return;
+  if (name_registered(name)) return;
+  if (definition(name)) {
+    // A definition that starts programs only while nobody has the name
+    // registered may start them now.
+    attach_manager(name);
+    return;
+  }
   auto it = queued_attaches_.find(name);
   if (it == queued_attaches_.end()) return;
   std::deque<uint32_t> q = std::move(it->second);
