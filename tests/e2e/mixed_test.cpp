@@ -11,8 +11,15 @@ namespace {
 
 using Steps = std::vector<std::string>;
 
-// Mapped and basic ping-pong with 1 and 32767 byte records, CPI-C on both
-// sides; `allocator` allocates, `acceptor` accepts.
+// The bytes the script sends for "n:COUNT".
+std::string pattern(size_t n) {
+  std::string s;
+  for (size_t i = 0; i < n; ++i) s += static_cast<char>('a' + i % 26);
+  return s;
+}
+
+// A mapped conversation with sync level confirm, records of 4, 32767 and
+// 1 bytes, CPI-C on both sides; `allocator` allocates, `acceptor` accepts.
 Steps cpic_pingpong(const std::string &allocator, const std::string &acceptor) {
   return {
       "+A " + allocator,
@@ -24,14 +31,17 @@ Steps cpic_pingpong(const std::string &allocator, const std::string &acceptor) {
       "A: CMALLC c | CMALLC CM_OK",
       "B: CMACCP b",
       "A: CMSST c CM_SEND_AND_PREP_TO_RECEIVE | CMSST CM_OK",
+      "A: CMSPTR c CM_PREP_TO_RECEIVE_FLUSH | CMSPTR CM_OK",
       "A: CMSEND c PING | CMSEND CM_OK",
       "B< CMACCP CM_OK",
       "B: CMESL b | CMESL CM_OK value=1",
       "B: CMESUI b | CMESUI CM_OK value=$LOGIN",
       "B: CMRCV b 32767 | CMRCV CM_OK dr=CM_COMPLETE_DATA_RECEIVED len=4 text=PING st=CM_SEND_RECEIVED",
       "B: CMSST b CM_SEND_AND_PREP_TO_RECEIVE | CMSST CM_OK",
+      "B: CMSPTR b CM_PREP_TO_RECEIVE_FLUSH | CMSPTR CM_OK",
       "B: CMSEND b n:32767 | CMSEND CM_OK",
-      "A: CMRCV c 32767 | CMRCV CM_OK dr=CM_COMPLETE_DATA_RECEIVED len=32767 st=CM_SEND_RECEIVED",
+      "A: CMRCV c 32767 | CMRCV CM_OK dr=CM_COMPLETE_DATA_RECEIVED len=32767 st=CM_SEND_RECEIVED text=" +
+          pattern(32767),
       "A: CMSST c CM_SEND_AND_CONFIRM | CMSST CM_OK",
       "A: CMSEND c n:1",
       "B: CMRCV b 10 | CMRCV CM_OK len=1 data=61 st=CM_CONFIRM_RECEIVED",
