@@ -25,7 +25,7 @@ ClientConnection::Io ClientConnection::read_some() {
     }
     if (n == 0) return Io::kClosed;
     if (errno == EINTR) continue;
-    if (errno == EAGAIN || errno == EWOULDBLOCK) return Io::kOk;
+    if (errno == EAGAIN || errno == EWOULDBLOCK) return Io::kWouldBlock;
     return Io::kError;
   }
 }

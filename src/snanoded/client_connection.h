@@ -23,7 +23,7 @@ class ClientConnection {
   static constexpr size_t kHighWater = 256 * 1024;
   static constexpr size_t kLowWater = kHighWater / 2;
 
-  enum class Io { kOk, kClosed, kError };
+  enum class Io { kOk, kWouldBlock, kClosed, kError };
 
   ClientConnection(int fd, proto::ClientId id, pid_t pid, uid_t uid, std::string login);
   ~ClientConnection();
@@ -36,13 +36,15 @@ class ClientConnection {
   uid_t uid() const { return uid_; }
   const std::string& login() const { return login_; }
 
-  // One read() into the decoder. kClosed at end of stream.
+  // One read() into the decoder: kOk when bytes came, kWouldBlock when
+  // none were waiting, kClosed at end of stream.
   Io read_some();
   FrameDecoder& decoder() { return decoder_; }
 
   // Appends a whole frame to the output queue (nothing is written yet).
   void queue(std::vector<uint8_t> frame);
-  // Writes queued frames until the socket would block or the queue is empty.
+  // Writes queued frames until the socket would block or the queue is
+  // empty: kOk either way, kError when the peer is gone.
   Io flush();
   size_t queued_bytes() const { return queued_; }
   bool over_high_water() const { return queued_ > kHighWater; }
@@ -57,6 +59,7 @@ class ClientConnection {
   bool is_operator = false;
   uint32_t hello_pid = 0;      // as the client stated it
   uint16_t word_bits = 0;
+  uint64_t hello_timer = 0;    // closes a connection that never says HELLO
 
  private:
   int fd_;

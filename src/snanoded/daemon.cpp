@@ -49,6 +49,7 @@ bool in_group(uid_t uid, gid_t gid, gid_t group) {
 }
 
 constexpr int kShutdownFlushMs = 1000;
+constexpr uint32_t kHelloTimeoutMs = 10000;
 
 }  // namespace
 
@@ -159,6 +160,13 @@ int Daemon::run() {
   signal_ready(ready_fd_);
   ready_fd_ = -1;
   loop_.run();
+  if (!loop_.stopping()) {
+    // The loop itself failed: nothing can be served any more.
+    log_problem(msg::kSystemError, 4, std::string("event loop: ") + std::strerror(errno));
+    std::cerr << "snanoded: event loop failed: " << std::strerror(errno) << "\n";
+    listener_.close_and_remove();
+    return 1;
+  }
   return 0;
 }
 
@@ -195,6 +203,7 @@ void Daemon::reload() {
   if (!fresh->socket.empty() && fresh->socket != socket_path_) note += "; new socket applies at restart";
   if (!fresh->state_dir.empty() && fresh->state_dir != state_dir_) note += "; new state_dir applies at restart";
   if (fresh->group != config_.group) note += "; new group applies at restart";
+  if (fresh->idle_exit_set && fresh->idle_exit_s != idle_exit_s_) note += "; new idle_exit applies at restart";
   config_ = std::move(*fresh);
   host_->reconfigure(core_config(config_));
   log_audit(msg::kReloaded, 0, "reloaded " + config_.source + note);
@@ -241,7 +250,10 @@ void Daemon::finish_shutdown() {
     if (waiting.empty() || left <= 0) break;
     poll(waiting.data(), waiting.size(), static_cast<int>(left));
   }
-  for (auto& [id, c] : clients_) loop_.remove(c->token);
+  for (auto& [id, c] : clients_) {
+    loop_.remove(c->token);
+    if (c->hello_timer) timers_.cancel(c->hello_timer);
+  }
   clients_.clear();
   log_audit(msg::kStopped, 0, "stopped: " + stop_reason_);
   loop_.stop();
@@ -284,6 +296,13 @@ void Daemon::accept_clients() {
       log_problem(msg::kSystemError, 3, std::string("epoll: ") + std::strerror(errno));
       continue;  // the connection closes with `conn`
     }
+    conn->hello_timer = timers_.start(kHelloTimeoutMs, [this, id] {
+      ClientConnection* c = client(id);
+      if (!c) return;
+      c->hello_timer = 0;
+      if (!c->hello_done && !c->dead)
+        disconnect(*c, "no HELLO within " + std::to_string(kHelloTimeoutMs / 1000) + " s");
+    });
     clients_[id] = std::move(conn);
     if (idle_timer_) {
       timers_.cancel(idle_timer_);
@@ -313,17 +332,13 @@ void Daemon::on_client_event(proto::ClientId id, uint32_t events) {
   }
   if (events & (EPOLLHUP | EPOLLERR)) {
     // The peer is gone: take what it sent before it went (a last verb may
-    // still matter to its partners), then close.
-    for (int guard = 0; guard < 64 && !c->dead; ++guard) {
+    // still matter to its partners), then close. Its replies cannot be
+    // delivered, so backpressure no longer applies.
+    for (;;) {
       const ClientConnection::Io r = c->read_some();
       c->paused = false;
       process_frames(*c);
-      if (r != ClientConnection::Io::kOk) break;
-      if (c->decoder().buffered() == 0 && r == ClientConnection::Io::kOk) {
-        // read_some returns kOk on EAGAIN too: stop once nothing new came.
-        uint8_t probe;
-        if (recv(c->fd(), &probe, 1, MSG_PEEK | MSG_DONTWAIT) <= 0) break;
-      }
+      if (r != ClientConnection::Io::kOk || c->dead) break;
     }
     c->dead = true;
     return;
@@ -331,7 +346,7 @@ void Daemon::on_client_event(proto::ClientId id, uint32_t events) {
   if ((events & EPOLLIN) && !c->paused) {
     const ClientConnection::Io r = c->read_some();
     process_frames(*c);
-    if (r != ClientConnection::Io::kOk) c->dead = true;
+    if (r == ClientConnection::Io::kClosed || r == ClientConnection::Io::kError) c->dead = true;
   }
 }
 
@@ -342,7 +357,7 @@ void Daemon::process_frames(ClientConnection& c) {
     const FrameDecoder::Status st = c.decoder().next(frame, reason);
     if (st == FrameDecoder::Status::kNeedMore) break;
     if (st == FrameDecoder::Status::kMalformed) {
-      malformed(c, reason);
+      disconnect(c, "malformed frame: " + reason);
       break;
     }
     handle_frame(c, frame);
@@ -353,10 +368,9 @@ void Daemon::process_frames(ClientConnection& c) {
   }
 }
 
-void Daemon::malformed(ClientConnection& c, const std::string& reason) {
+void Daemon::disconnect(ClientConnection& c, const std::string& reason) {
   log_problem(msg::kMalformedFrame, static_cast<uint32_t>(c.pid()),
-              "client pid " + std::to_string(c.pid()) + " sent a malformed frame (" + reason +
-                  "); disconnected");
+              "client pid " + std::to_string(c.pid()) + " disconnected: " + reason);
   c.dead = true;
 }
 
@@ -382,7 +396,7 @@ void Daemon::handle_frame(ClientConnection& c, Frame& f) {
       return;
     }
     default:
-      malformed(c, "unexpected frame kind");  // the decoder lets none through
+      disconnect(c, "malformed frame: unexpected kind");  // the decoder lets none through
   }
 }
 
@@ -403,6 +417,8 @@ void Daemon::handle_hello(ClientConnection& c, const Frame& f) {
     return;
   }
   c.hello_done = true;
+  if (c.hello_timer) timers_.cancel(c.hello_timer);
+  c.hello_timer = 0;
   c.is_operator = (h.flags & wire::kHelloOperator) != 0;
   c.hello_pid = h.pid;
   c.word_bits = h.word_bits;
@@ -438,6 +454,7 @@ void Daemon::reap_dead_clients() {
     if (it == clients_.end()) break;
     const proto::ClientId id = it->first;
     loop_.remove(it->second->token);
+    if (it->second->hello_timer) timers_.cancel(it->second->hello_timer);
     clients_.erase(it);  // closes the socket: replies for it are dropped from here on
     // Closing may complete other clients' verbs, and a failed write to one
     // of them marks it dead in turn: the loop looks again.

@@ -61,7 +61,8 @@ class Daemon : private OperatorTarget {
   void process_frames(ClientConnection& c);
   void handle_frame(ClientConnection& c, Frame& frame);
   void handle_hello(ClientConnection& c, const Frame& frame);
-  void malformed(ClientConnection& c, const std::string& reason);
+  // Logs why and closes the connection (as if the client had closed it).
+  void disconnect(ClientConnection& c, const std::string& reason);
   void send(ClientConnection& c, std::vector<uint8_t> frame);
   void update_interest(ClientConnection& c);
   void reap_dead_clients();

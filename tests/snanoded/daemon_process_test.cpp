@@ -277,7 +277,7 @@ TEST_F(DaemonTest, GarbageOnOneConnectionLeavesOthersWorking) {
     int status = 0;
     waitpid(pid, &status, 0);
     EXPECT_EQ(result, 'C') << "the daemon closes the sender";
-    EXPECT_TRUE(wait_for_text(state_ + "/problems.log", "client pid " + std::to_string(pid) + " sent a malformed", 2000))
+    EXPECT_TRUE(wait_for_text(state_ + "/problems.log", "client pid " + std::to_string(pid) + " disconnected: malformed frame", 2000))
         << read_file(state_ + "/problems.log");
   }
   // The conversation between the others goes on.
@@ -460,6 +460,49 @@ TEST_F(DaemonTest, SocketIsPrivateToTheUser) {
   EXPECT_TRUE(S_ISSOCK(st.st_mode));
   EXPECT_EQ(st.st_mode & 07777, 0600u);
   EXPECT_EQ(st.st_uid, getuid());
+}
+
+// A peer of another user is refused even if the socket's mode lets it in
+// (an operator loosened it): only the daemon's user and root are served.
+TEST_F(DaemonTest, PeerOfAnotherUserIsRefused) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to run processes as other users";
+  constexpr uid_t kDaemonUser = 65534, kOtherUser = 65533;
+  ASSERT_EQ(chown(dir_.path().c_str(), kDaemonUser, kDaemonUser), 0);
+  daemon_.run_as(kDaemonUser, kDaemonUser);
+  start();
+  ASSERT_EQ(chmod(socket_.c_str(), 0666), 0);
+  ASSERT_EQ(chmod(dir_.path().c_str(), 0711), 0);
+  int done[2];
+  ASSERT_EQ(pipe(done), 0);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    if (setgid(kOtherUser) != 0 || setuid(kOtherUser) != 0) _exit(2);
+    WireClient c;
+    char result = 'X';
+    if (c.connect(socket_)) {
+      // The connection is accepted by the kernel, then closed unanswered.
+      c.hello();
+      result = c.hello_status() == 0xFFFF ? 'R' : 'A';
+    }
+    ssize_t n = write(done[1], &result, 1);
+    (void)n;
+    _exit(0);
+  }
+  close(done[1]);
+  pollfd p{done[0], POLLIN, 0};
+  ASSERT_EQ(poll(&p, 1, 10000), 1);
+  char result = 0;
+  ASSERT_EQ(read(done[0], &result, 1), 1);
+  close(done[0]);
+  waitpid(pid, nullptr, 0);
+  EXPECT_EQ(result, 'R');
+  EXPECT_TRUE(wait_for_text(state_ + "/audit.log",
+                            "refused client pid " + std::to_string(pid) + " uid " + std::to_string(kOtherUser), 2000))
+      << read_file(state_ + "/audit.log");
+  // Root is served.
+  WireClient root;
+  connect(root);
+  EXPECT_TRUE(root.call(tp_started()));
 }
 
 TEST_F(DaemonTest, SocketDirectoryFromTheEnvironment) {

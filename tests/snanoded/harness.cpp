@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -165,6 +166,7 @@ bool DaemonProcess::launch(const std::vector<std::string>& args, const std::vect
     else
       dup2(ready[1], 3);  // the copy is not close-on-exec
     dup2(err[1], 2);
+    if (as_set_ && (setgroups(0, nullptr) != 0 || setgid(as_gid_) != 0 || setuid(as_uid_) != 0)) _exit(126);
     execve(argv[0], argv.data(), envp.data());
     _exit(127);
   }

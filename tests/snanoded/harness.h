@@ -57,6 +57,12 @@ class DaemonProcess {
   // The same in two steps: start the process, then wait for its byte.
   bool launch(const std::vector<std::string>& args, const std::vector<std::string>& env = {});
   bool wait_ready(int timeout_ms);
+  // Runs the daemon as this user and group (the test must be root).
+  void run_as(uid_t uid, gid_t gid) {
+    as_uid_ = uid;
+    as_gid_ = gid;
+    as_set_ = true;
+  }
   // Waits for the process to end; nullopt on time-out.
   std::optional<ExitStatus> wait_exit(int timeout_ms);
   void signal(int sig);
@@ -70,6 +76,9 @@ class DaemonProcess {
   int pidfd_ = -1;
   int stderr_fd_ = -1;
   int ready_fd_ = -1;
+  bool as_set_ = false;
+  uid_t as_uid_ = 0;
+  gid_t as_gid_ = 0;
   bool ready_ = false;
   bool reaped_ = false;
   ExitStatus last_;

@@ -15,7 +15,7 @@ using proto::Opcode;
 std::vector<uint8_t> body_of(const wire::Verb& v, const std::vector<uint8_t>& data) {
   std::vector<uint8_t> b(wire::kVerbFixedSize + data.size());
   wire::encode_verb(b.data(), v);
-  std::memcpy(b.data() + wire::kVerbFixedSize, data.data(), data.size());
+  if (!data.empty()) std::memcpy(b.data() + wire::kVerbFixedSize, data.data(), data.size());
   return b;
 }
 
