@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <map>
 #include <string>
 
@@ -39,12 +40,18 @@ std::map<std::string, std::string> read_report(const std::string &path) {
   return report;
 }
 
+// Resolved once per process by the runtime, so it outlives every test.
+std::string state_directory() {
+  static const std::string directory = snanode_test::make_temp_dir();
+  return directory;
+}
+
 class Autostart : public ::testing::Test {
  protected:
   void SetUp() override {
     directory_ = snanode_test::make_temp_dir();
     socket_ = directory_ + "/socket";
-    setenv("SNANODE_STATE_DIR", directory_.c_str(), 1);
+    setenv("SNANODE_STATE_DIR", state_directory().c_str(), 1);
     setenv("SNANODE_SOCKET", socket_.c_str(), 1);
     setenv("SNANODE_DAEMON", FAKE_DAEMON_PROGRAM, 1);
     unsetenv("SNANODE_AUTOSTART");
@@ -52,6 +59,8 @@ class Autostart : public ::testing::Test {
   }
   void TearDown() override {
     EXPECT_TRUE(snanode::client_wait_state(snanode::LinkState::kDisconnected, 5000));
+    std::error_code ignored;
+    std::filesystem::remove_all(directory_, ignored);
   }
 
   // A verb that never reaches a daemon: the result stands at once.

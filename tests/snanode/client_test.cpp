@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -163,6 +164,8 @@ class Client : public ::testing::Test {
     // The next test starts from a runtime that connects afresh.
     EXPECT_TRUE(snanode::client_wait_state(snanode::LinkState::kDisconnected, 5000));
     calls.reset();
+    std::error_code ignored;
+    std::filesystem::remove_all(directory_, ignored);
   }
 
   Request next() {
@@ -1266,6 +1269,8 @@ TEST(FindDaemon, CandidatesInOrder) {
       EXPECT_EQ(std::string(out), c.expect);
     }
   }
+  std::error_code ignored;
+  std::filesystem::remove_all(root, ignored);
 }
 
 TEST(SocketPath, EnvironmentInOrder) {

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <thread>
@@ -146,6 +147,8 @@ TEST(Fork, ChildConnectsAfreshAndParentKeepsItsConnection) {
 
   daemon.reset();
   EXPECT_TRUE(snanode::client_wait_state(snanode::LinkState::kDisconnected, 5000));
+  std::error_code ignored;
+  std::filesystem::remove_all(directory, ignored);
 }
 
 }  // namespace
