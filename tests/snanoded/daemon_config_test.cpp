@@ -17,6 +17,8 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "harness.h"
 #include "nodeconfig/daemon_config.h"
 
@@ -334,6 +336,35 @@ TEST_F(ConfigTest, SideInformationOverTheSocket) {
   expect_field(e, 84, 64, "06F1ABCD");
   for (int i = 180; i < 188; ++i) EXPECT_EQ(e[i], 0);
   expect_field(e + 212, 2, 8, "PAYDEST");
+}
+
+TEST_F(ConfigTest, OperatorListsSideInformationWithoutPasswords) {
+  start("[[side_info]]\nsym_dest_name = \"PAYDEST\"\npartner_lu = \"NETWORK.LOCAL\"\ntp_name = \"PAYROLL\"\n"
+        "security = \"program\"\nuser_id = \"ALICE\"\npassword = \"SECRET\"\n");
+  WireClient op;
+  connect(op, wire::kHelloOperator);
+  auto text = op.operator_command(R"({"command":"sideinfo"})");
+  ASSERT_TRUE(text);
+  EXPECT_EQ(text->find("SECRET"), std::string::npos) << *text;
+  const nlohmann::json j = nlohmann::json::parse(*text);
+  ASSERT_EQ(j["side_info"].size(), 1u);
+  const auto& e = j["side_info"][0];
+  EXPECT_EQ(e["sym_dest_name"], "PAYDEST");
+  EXPECT_EQ(e["partner_lu"], "NETWORK.LOCAL");
+  EXPECT_EQ(e["tp_name"], "PAYROLL");
+  EXPECT_EQ(e["tp_name_type"], "application");
+  EXPECT_EQ(e["security"], "program");
+  EXPECT_EQ(e["user_id"], "ALICE");
+  EXPECT_EQ(e["password_set"], true);
+}
+
+TEST_F(ConfigTest, IdleExitFromTheFileOverridesTheAutostartDefault) {
+  write_file(config_, "[node]\nidle_exit = 1\n");
+  ASSERT_TRUE(daemon_.start({"--config", config_, "--socket", socket_, "--state-dir", state_, "--autostarted"}));
+  auto status = daemon_.wait_exit(5000);
+  ASSERT_TRUE(status);
+  EXPECT_EQ(status->code, 0);
+  EXPECT_TRUE(wait_for_text(state_ + "/audit.log", "stopped: idle for 1 s", 1000));
 }
 
 std::optional<uint16_t> query_primary(WireClient& c, const std::string& name) {

@@ -254,6 +254,75 @@ pid_t garbage_sender(const std::string& socket, const Bytes& junk, int done_fd) 
   return pid;
 }
 
+// Log data a partner sends with an abend goes to the problem log.
+TEST_F(DaemonTest, PartnerLogDataGoesToTheProblemLog) {
+  start();
+  WireClient a, b;
+  connect(a);
+  connect(b);
+  auto at = start_tp(a);
+  ASSERT_TRUE(b.call(register_name("SRV")));
+  const uint64_t accept = b.issue(receive_allocate());
+  auto alloc = a.call(allocate(at.id, "SRV", false));
+  ASSERT_TRUE(alloc && alloc->primary == 0);
+  wire::Verb ptr;
+  ptr.opcode = 0x000A;  // PREPARE_TO_RECEIVE, flush: the attach and SEND go
+  std::memcpy(ptr.tp_id, at.id, 8);
+  ptr.conv_id = alloc->conv_id;
+  ptr.type = 1;
+  auto prepared = a.call(ptr);
+  ASSERT_TRUE(prepared && prepared->primary == 0);
+  auto accepted = b.reply_for(accept);
+  ASSERT_TRUE(accepted && accepted->primary == 0);
+  EXPECT_EQ(accepted->conversation_type, 0);
+  auto turn = b.call(receive_and_wait(accepted->tp_id, accepted->conv_id, 100, false));
+  ASSERT_TRUE(turn);
+  EXPECT_EQ(turn->what_received, 0x0001);  // SEND: B may send
+  const std::string log = "disk on fire";
+  wire::Verb abend = deallocate(at.id, alloc->conv_id, 2, false);
+  abend.data_length = static_cast<uint32_t>(log.size());
+  auto ended = a.call(abend, bytes(log));
+  ASSERT_TRUE(ended);
+  EXPECT_EQ(ended->primary, 0);
+  auto r = b.call(send_data(accepted->tp_id, accepted->conv_id, 0, 4, false), Bytes{0, 4, 'x', 'y'});
+  ASSERT_TRUE(r);
+  EXPECT_EQ(r->primary, 0x0006);
+  EXPECT_EQ(r->secondary, 0x08640000u);
+  EXPECT_TRUE(wait_for_text(state_ + "/problems.log", "08640000", 2000)) << read_file(state_ + "/problems.log");
+  EXPECT_TRUE(wait_for_text(state_ + "/problems.log", "6469736B206F6E2066697265", 2000))  // the text in hex
+      << read_file(state_ + "/problems.log");
+}
+
+// Data a partner does not receive is bounded by the pacing window: the
+// sender's flush waits, and goes on when the partner receives.
+TEST_F(DaemonTest, UnreceivedDataHoldsTheSender) {
+  start();
+  WireClient a, b;
+  connect(a);
+  connect(b);
+  Conversation c = converse(a, b);
+  const Bytes record(32000, 'd');
+  std::optional<uint64_t> held;
+  for (int i = 0; i < 16 && !held; ++i) {
+    const uint64_t tag = a.issue(send_data(c.a.id, c.a_conv, 1, static_cast<uint32_t>(record.size())), record);
+    if (!a.reply_for(tag, nullptr, 300)) held = tag;
+  }
+  ASSERT_TRUE(held) << "some flush must wait for the partner";
+  const long rss = rss_kib(daemon_.pid());
+  EXPECT_LT(rss, 64 * 1024);
+  // B receives; A's send completes.
+  Bytes got;
+  auto rcv = b.call(receive_and_wait(c.b.id, c.b_conv, 32767), {}, &got);
+  ASSERT_TRUE(rcv && rcv->primary == 0);
+  EXPECT_EQ(got.size(), record.size());
+  bool released = false;
+  for (int i = 0; i < 16 && !released; ++i) {
+    if (a.reply_for(*held, nullptr, 200)) released = true;
+    else ASSERT_TRUE(b.call(receive_and_wait(c.b.id, c.b_conv, 32767)));
+  }
+  EXPECT_TRUE(released);
+}
+
 TEST_F(DaemonTest, GarbageOnOneConnectionLeavesOthersWorking) {
   start();
   WireClient a, b;
