@@ -21,8 +21,10 @@ inline const std::string &alice_hash() {
 // with a session limit of 1; invokable TPs ECHO (the echo program, log in
 // echo.log), MONLY (mapped only), NCONF (sync level none only), BAD (no
 // such program), SLOW (never accepts; attach time-out 2 s), QUEUE (the
-// echo program, only when unregistered); side information SIDE1, SIDE2,
-// SRVDEST; the security user ALICE.
+// echo program, only when unregistered), EXITS (exits without accepting),
+// SECURE (the echo program, conversation security required); mode PACED
+// with the smallest pacing window; side information SIDE1, SIDE2, SRVDEST;
+// the security user ALICE.
 inline std::string node_config(const std::string &dir) {
   const std::string echo = E2E_ECHO_TP;
   const std::string env = "environment = { SNANODE_AUTOSTART = \"0\", SNANODE_STATE_DIR = \"" + dir +
@@ -68,6 +70,19 @@ inline std::string node_config(const std::string &dir) {
          "program = \"" + echo + "\"\n"
          "log_file = \"" + dir + "/queue.log\"\n"
          "only_when_unregistered = true\n" + env +
+         "\n"
+         "[[tp]]\n"
+         "name = \"EXITS\"\n"
+         "program = \"/bin/true\"\n"
+         "\n"
+         "[[tp]]\n"
+         "name = \"SECURE\"\n"
+         "program = \"" + echo + "\"\n"
+         "security_required = true\n" + env +
+         "\n"
+         "[[mode]]\n"
+         "name = \"PACED\"\n"
+         "pacing_window = 32768\n"
          "\n"
          "[[side_info]]\n"
          "sym_dest_name = \"SIDE1\"\n"

@@ -378,6 +378,87 @@ const std::vector<Row> &rows() {
            "A: nof_close h=H | - NOF_CLOSE p=0x0000",
            "A: nof_query h=H name=SIDE1 opt=4 | - NOF_QUERY p=0x0001 s=0x00000002",
        }},
+      // Beyond the acceptance table: refusals, attach routing, ending a TP
+      // softly and hard, pacing.
+      {"X01_ParameterAndStateChecks",
+       Steps{
+           "+A driver",
+           "A: tp_started as=T | - TP_STARTED p=0x0000",
+           "A: tp_started as=U lu=NOSUCH | - TP_STARTED p=0x0001 s=0x00000104",
+           "A: allocate tp=T as=X tpn=SRV lu=NOSUCH | - ALLOCATE p=0x0001 s=0x00000017",
+           "A: allocate tp=T as=X tpn=SRV fqlu=BAD..NAME | - ALLOCATE p=0x0001 s=0x00000017",
+           "A: allocate tp=T as=X tpn=SRV mode=NOMODE | - ALLOCATE p=0x0001 s=0x00000018",
+           "A: allocate tp=T as=X tpn=SRV mode=SNASVCMG | - ALLOCATE p=0x0001 s=0x00000018",
+           "A: allocate tp=T as=X tpn=SRV sync=2 | - ALLOCATE p=0x0001 s=0x00000102",
+           "A: allocate tp=T as=X tpn=SRV sec=3 | - ALLOCATE p=0x0001 s=0x00000102",
+           "A: allocate tp=T as=X tpn=SRV pip=4 | - ALLOCATE p=0x0001 s=0x00000102",
+           "A: allocate tp=T as=X tpn=SRV format=0 | - ALLOCATE p=0x0001 s=0x00000101",
+           "A: allocate tpid=0102030405060708 as=X tpn=SRV | - ALLOCATE p=0x0001 s=0x000000F1",
+           "A: register name= | - REGISTER p=0x0001 s=0x00000105",
+           "A: withdraw name=NOTREG | - WITHDRAW p=0x0001 s=0x00000105",
+           "A: accept as=Z | - RECEIVE_ALLOCATE p=0x0002 s=0x00000024",
+           "A: allocate tp=T as=C tpn=SRV | - ALLOCATE p=0x0000",
+           "A: send c=C text=x opext=0 | - SEND_DATA p=0x0001 s=0x00000103",
+           "A: send c=C text=x type=8 | - SEND_DATA p=0x0001 s=0x00000102",
+           "A: rcv c=C len=40000 | - RECEIVE_AND_WAIT p=0x0001 s=0x00000102",
+           "A: confirm c=C | - CONFIRM p=0x0002 s=0x00000022",
+           "A: send c=C text=x type=2 | - SEND_DATA p=0x0002 s=0x00000022",
+           "A: confirmed c=C | - CONFIRMED p=0x0002 s=0x00000020",
+           "A: state c=C conv=999999 | - GET_STATE p=0x0001 s=0x00000031",
+           "A: state c=C | - GET_STATE p=0x0000 state=1",
+           "A: tp_ended tpid=0102030405060708 | - TP_ENDED p=0x0001 s=0x000000F1",
+       }},
+      {"X02_WithdrawingTheLastNameEndsOutstandingAccepts",
+       Steps{
+           "+B driver",
+           "B: register name=SRV | - REGISTER p=0x0000",
+           "B: register name=SRV | - REGISTER p=0x0000",
+           "B: accept as=C async=a1 | issued a1",
+           "B: accept as=D async=a2 | issued a2",
+           "B: withdraw name=SRV",
+           "B~ a1 RECEIVE_ALLOCATE p=0x0002 s=0x00000024 || a2 RECEIVE_ALLOCATE p=0x0002 s=0x00000024 || "
+           "- WITHDRAW p=0x0000",
+       }},
+      {"X03_ProgramExitsWithoutAccepting",
+       Steps{
+           "+A driver",
+           "A: tp_started as=T | - TP_STARTED p=0x0000",
+           "A: allocate tp=T as=X tpn=EXITS | - ALLOCATE p=0x0000",
+           "A: rcv c=X | - RECEIVE_AND_WAIT p=0x0003 s=0x084C0000",
+       }},
+      {"X04_DefinitionRequiresSecurity",
+       Steps{
+           "+A driver",
+           "A: tp_started as=T | - TP_STARTED p=0x0000",
+           "A: allocate tp=T as=N tpn=SECURE sec=0 | - ALLOCATE p=0x0000",
+           "A: rcv c=N | - RECEIVE_AND_WAIT p=0x0003 s=0x080F6051",
+           "A: allocate tp=T as=P tpn=SECURE sec=2 user=ALICE pw=SECRET1 | - ALLOCATE p=0x0000",
+           "A: send c=P text=S type=3 | - SEND_DATA p=0x0000",
+           "A: rcv c=P | - RECEIVE_AND_WAIT p=0x0000 wr=0x0201 text=S",
+       }},
+      {"X05_SoftTpEndFlushesFirst",
+       turned() + Steps{
+           "B: send c=C text=LAST type=0 | - SEND_DATA p=0x0000",
+           "A: rcv c=C async=r | issued r",
+           "B: tp_ended tp=TB type=0 | - TP_ENDED p=0x0000",
+           "A< r RECEIVE_AND_WAIT p=0x0000 wr=0x0200 text=LAST",
+           "A: rcv c=C | - RECEIVE_AND_WAIT p=0x0005 s=0x08640001",
+       }},
+      {"X06_HardTpEndDiscardsTheSendBuffer",
+       turned() + Steps{
+           "B: send c=C text=LAST type=0 | - SEND_DATA p=0x0000",
+           "B: tp_ended tp=TB type=1 | - TP_ENDED p=0x0000",
+           "A: rcv c=C | - RECEIVE_AND_WAIT p=0x0005 s=0x08640001 wr=0x0000 len=0",
+       }},
+      {"X07_AsynchronousTpEndedAfterItsVerbs",
+       turned() + Steps{
+           "A: rcv c=C async=r | issued r",
+           "A: tp_ended tp=T type=1 async=te",
+           "A~ issued te || r RECEIVE_AND_WAIT p=0x0021",
+           "A< te TP_ENDED p=0x0000",
+           "A: allocate tp=T as=Z tpn=SRV | - ALLOCATE p=0x0001 s=0x000000F1",
+           "B: send c=C text=z type=0 | - SEND_DATA p=0x0005 s=0x08640001",
+       }},
   };
   return table;
 }
@@ -396,6 +477,67 @@ TEST_P(NodeScenario, Runs) {
 
 INSTANTIATE_TEST_SUITE_P(Section, NodeScenario, ::testing::ValuesIn(rows()),
                          [](const ::testing::TestParamInfo<Row> &info) { return info.param.name; });
+
+// Sends A's "sync" and reads A's lines up to its result. Returns true if
+// the completion of `tag` (OK) came before it; sets *why on anything else.
+bool completed_before_sync(Process &a, const std::string &tag, std::string *why) {
+  if (!a.send("sync")) {
+    *why = "cannot write to A";
+    return false;
+  }
+  bool completed = false;
+  for (;;) {
+    auto line = a.read_line();
+    if (!line) {
+      *why = "A: no SYNC result";
+      return false;
+    }
+    if (line_matches(*line, "- SYNC p=0x0001")) return completed;
+    if (line_matches(*line, tag + " SEND_DATA p=0x0000 s=0x00000000")) {
+      completed = true;
+      continue;
+    }
+    *why = "A: unexpected \"" + *line + "\"";
+    return completed;
+  }
+}
+
+// Pacing with the smallest window (32768) and records of 20000 bytes: the
+// first flush completes; a later one is held while the partner has a
+// window's worth unreceived, and is released by the receive that brings
+// the unreceived amount below the window.
+TEST(NodePacing, X08_FlushHeldUntilThePartnerReceives) {
+  Daemon daemon(E2E_DAEMON);
+  std::string why;
+  ASSERT_FALSE(alice_hash().empty());
+  ASSERT_TRUE(daemon.start(node_config(daemon.dir()), &why)) << why;
+  ScenarioRunner runner(daemon);
+  ASSERT_EQ(runner.run(conversation("mode=PACED")), "");
+  Process &a = *runner.program("A");
+  Process &b = *runner.program("B");
+  int held = 0;
+  std::string tag;
+  for (int i = 1; i <= 3 && held == 0; ++i) {
+    tag = "s" + std::to_string(i);
+    ASSERT_TRUE(a.send("send c=C len=20000 type=1 async=" + tag));
+    ASSERT_TRUE(a.expect("issued " + tag, &why)) << why << runner.transcripts();
+    why.clear();
+    bool done = completed_before_sync(a, tag, &why);
+    ASSERT_EQ(why, "") << runner.transcripts();
+    if (!done) held = i;
+  }
+  // 20000 unreceived is below the window; 60000 is not.
+  ASSERT_NE(held, 0) << "no flush held with 60000 bytes unreceived\n" << runner.transcripts();
+  ASSERT_GE(held, 2) << "the first flush was held\n" << runner.transcripts();
+  for (int k = 1; k <= held - 1; ++k) {
+    ASSERT_TRUE(b.send("rcv c=C len=20000"));
+    ASSERT_TRUE(b.expect("- RECEIVE_AND_WAIT p=0x0000 wr=0x0200 len=20000", &why)) << why;
+    bool done = completed_before_sync(a, tag, &why);
+    ASSERT_EQ(why, "") << runner.transcripts();
+    // Released exactly when one record is left unreceived.
+    EXPECT_EQ(done, k == held - 1) << "after " << k << " receives\n" << runner.transcripts();
+  }
+}
 
 }  // namespace
 }  // namespace e2e

@@ -21,7 +21,7 @@
 //   nof_close h=H
 //   sync                                         a round trip to the node
 // Every conversation verb also takes opext=N (overrides the conversation's
-// type) and conv=N (a raw conversation id). async=TAG issues the verb with
+// type), conv=N (a raw conversation id) and tpid=HEX (a raw TP id). async=TAG issues the verb with
 // a completion routine: the driver prints "issued TAG", and the result
 // line, tagged TAG, whenever it arrives. Blocking results are tagged "-".
 //
@@ -371,6 +371,14 @@ void issue(Call *call) {
   }
 }
 
+// tpid=HEX names a TP id directly (16 hex digits).
+bool raw_tp_id(const Args &a, uint8_t *tp_id) {
+  std::vector<uint8_t> bytes;
+  if (!parse_hex(arg(a, "tpid"), bytes) || bytes.size() != 8) return false;
+  memcpy(tp_id, bytes.data(), 8);
+  return true;
+}
+
 // The conversation a command names, with its overrides.
 bool conversation_of(const Args &a, Conv &out) {
   std::string name = arg(a, "c");
@@ -388,12 +396,14 @@ bool conversation_of(const Args &a, Conv &out) {
     if (it == tps.end()) return false;
     memcpy(out.tp_id, it->second.data(), 8);
   }
+  if (a.count("tpid")) return raw_tp_id(a, out.tp_id);
   return true;
 }
 
 bool tp_of(const Args &a, uint8_t *tp_id) {
   std::string name = arg(a, "tp");
   memset(tp_id, 0, 8);
+  if (a.count("tpid")) return raw_tp_id(a, tp_id);
   if (name.empty()) return true;
   std::lock_guard<std::mutex> hold(table_mutex);
   auto it = tps.find(name);
