@@ -1,5 +1,6 @@
 # What `cmake --install` puts where:
 #   lib dir   libcpic.so, libsnanode.so; pkgconfig/cpic.pc; cmake/cpic/
+#   share/    cmake/cpic/ (finds the lib dir's package of the word size)
 #   include/  cpic.h, cpic_print.h, snanode/export.h
 #   bin/      cpicping, cpicpingd, snactl, snanoded (64-bit builds)
 #   man/      section 1, 3 and 8 pages
@@ -48,6 +49,25 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/packaging/cpicConfigVersi
 install(FILES ${PROJECT_BINARY_DIR}/packaging/cpicConfig.cmake
               ${PROJECT_BINARY_DIR}/packaging/cpicConfigVersion.cmake
         DESTINATION ${_sna_cmake_dir})
+# The same package through share/cmake/cpic, which every consumer searches
+# (Debian's CMake does not search lib32). The two files there are the same
+# for every word size; cpic-<bits>.cmake says where that size's files are.
+math(EXPR _sna_bits "${CMAKE_SIZEOF_VOID_P} * 8")
+set(_sna_share_cmake_dir ${CMAKE_INSTALL_DATADIR}/cmake/cpic)
+if(IS_ABSOLUTE "${_sna_cmake_dir}" OR IS_ABSOLUTE "${_sna_share_cmake_dir}")
+  set(_sna_config_dir "${CMAKE_INSTALL_FULL_LIBDIR}/cmake/cpic")
+else()
+  file(RELATIVE_PATH _sna_rel /root/${_sna_share_cmake_dir} /root/${_sna_cmake_dir})
+  set(_sna_config_dir "\${CMAKE_CURRENT_LIST_DIR}/${_sna_rel}")
+endif()
+file(WRITE ${PROJECT_BINARY_DIR}/packaging/cpic-${_sna_bits}.cmake
+     "set(_cpic_config_dir \"${_sna_config_dir}\")\n")
+install(FILES ${PROJECT_BINARY_DIR}/packaging/cpic-${_sna_bits}.cmake
+        DESTINATION ${_sna_share_cmake_dir})
+install(FILES ${PROJECT_SOURCE_DIR}/cmake/cpicWordSizeConfig.cmake
+        DESTINATION ${_sna_share_cmake_dir} RENAME cpicConfig.cmake)
+install(FILES ${PROJECT_SOURCE_DIR}/cmake/cpicWordSizeConfigVersion.cmake
+        DESTINATION ${_sna_share_cmake_dir} RENAME cpicConfigVersion.cmake)
 
 install(FILES ${PROJECT_SOURCE_DIR}/man/cpicping.1 ${PROJECT_SOURCE_DIR}/man/cpicpingd.1
               ${PROJECT_SOURCE_DIR}/man/snactl.1

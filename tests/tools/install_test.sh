@@ -6,6 +6,8 @@
 #   install_test.sh BUILD_DIR SOURCE_DIR LIBDIR HAVE_DAEMON(0/1) C_COMPILER [C_FLAGS]
 set -u
 build=$1 source=$2 libdir=$3 have_daemon=$4 cc=$5 cflags=${6:-}
+bits=64
+[[ " $cflags " == *" -m32 "* ]] && bits=32
 work=$(mktemp -d /tmp/snainstall-XXXXXX)
 trap 'rm -rf "$work"' EXIT
 prefix=$work/prefix
@@ -28,7 +30,8 @@ fi
 for f in "$libdir/libcpic.so" "$libdir/libsnanode.so" include/cpic.h include/cpic_print.h \
          include/snanode/export.h bin/cpicping bin/cpicpingd bin/snactl \
          "$libdir/pkgconfig/cpic.pc" "$libdir/cmake/cpic/cpicConfig.cmake" \
-         "$libdir/cmake/cpic/cpicConfigVersion.cmake" \
+         "$libdir/cmake/cpic/cpicConfigVersion.cmake" share/cmake/cpic/cpicConfig.cmake \
+         share/cmake/cpic/cpicConfigVersion.cmake "share/cmake/cpic/cpic-$bits.cmake" \
          share/man/man1/cpicping.1 share/man/man1/cpicpingd.1 share/man/man1/snactl.1 \
          share/man/man3/cpic.3 share/man/man3/cpic_conversations.3 share/man/man3/cpic_data.3 \
          share/man/man3/cpic_characteristics.3 share/man/man3/cpic_security.3 \
@@ -107,18 +110,24 @@ else
   fail "building with pkg-config"
 fi
 
-# find_package(cpic)
-if cmake -S "$source/tests/tools/install_consumer" -B "$work/consumer" \
-     -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_COMPILER="$cc" -DCMAKE_C_FLAGS="$cflags" \
-     -DCMAKE_EXE_LINKER_FLAGS="$cflags" -DSAMPLE="$sample" > "$work/consumer.log" 2>&1 &&
-   cmake --build "$work/consumer" >> "$work/consumer.log" 2>&1; then
-  out=$("${run_env[@]}" "$work/consumer/consumer") || fail "find_package sample exits $?"
-  echo "$out" | grep -Eq "$expect" || fail "find_package sample output: $out"
-  uses_installed "$work/consumer/consumer" libcpic.so || fail "find_package sample not on the installed libcpic"
-else
-  cat "$work/consumer.log"
-  fail "building with find_package(cpic)"
-fi
+# find_package(cpic): as found through the prefix, and through the
+# word-size-independent directory share/cmake/cpic.
+for how in prefix share; do
+  dir_option=()
+  [ "$how" = share ] && dir_option=(-Dcpic_DIR="$prefix/share/cmake/cpic")
+  consumer=$work/consumer-$how
+  if cmake -S "$source/tests/tools/install_consumer" -B "$consumer" "${dir_option[@]}" \
+       -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_COMPILER="$cc" -DCMAKE_C_FLAGS="$cflags" \
+       -DCMAKE_EXE_LINKER_FLAGS="$cflags" -DSAMPLE="$sample" > "$consumer.log" 2>&1 &&
+     cmake --build "$consumer" >> "$consumer.log" 2>&1; then
+    out=$("${run_env[@]}" "$consumer/consumer") || fail "find_package ($how) sample exits $?"
+    echo "$out" | grep -Eq "$expect" || fail "find_package ($how) sample output: $out"
+    uses_installed "$consumer/consumer" libcpic.so || fail "find_package ($how) sample not on the installed libcpic"
+  else
+    cat "$consumer.log"
+    fail "building with find_package(cpic) ($how)"
+  fi
+done
 
 if [ "$failures" -ne 0 ]; then
   echo "$failures check(s) failed"
