@@ -1,5 +1,6 @@
 #include "snanoded/daemon.h"
 
+#include <fcntl.h>
 #include <grp.h>
 #include <poll.h>
 #include <pwd.h>
@@ -50,6 +51,7 @@ bool in_group(uid_t uid, gid_t gid, gid_t group) {
 
 constexpr int kShutdownFlushMs = 1000;
 constexpr uint32_t kHelloTimeoutMs = 10000;
+constexpr uint32_t kAcceptPauseMs = 200;
 
 }  // namespace
 
@@ -94,6 +96,7 @@ Daemon::~Daemon() {
   clients_.clear();
   if (signal_token_) loop_.remove(signal_token_);
   if (signal_fd_ >= 0) close(signal_fd_);
+  if (spare_fd_ >= 0) close(spare_fd_);
 }
 
 proto::NodeConfig Daemon::core_config(const config::DaemonConfig& c) const {
@@ -147,6 +150,7 @@ int Daemon::run() {
       break;
   }
   listen_token_ = loop_.add(listener_.fd(), EPOLLIN, [this](uint32_t) { accept_clients(); });
+  spare_fd_ = open("/dev/null", O_RDONLY | O_CLOEXEC);
   loop_.set_after_event([this] {
     reap_dead_clients();
     track_queued_attaches();
@@ -219,6 +223,7 @@ void Daemon::begin_shutdown(const std::string& why) {
 
 void Daemon::finish_shutdown() {
   stop_requested_ = false;
+  shutting_down_ = true;
   // No new clients from here on.
   if (listen_token_) loop_.remove(listen_token_);
   listen_token_ = 0;
@@ -271,8 +276,21 @@ void Daemon::accept_clients() {
     const int fd = accept4(listener_.fd(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (fd < 0) {
       if (errno == EINTR || errno == ECONNABORTED) continue;
-      if (errno != EAGAIN && errno != EWOULDBLOCK)
+      if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+        // Out of descriptors: the pending connection would wake the loop
+        // again at once. Stop listening for a moment instead. The spare
+        // descriptor lets the problem log open even now.
+        if (spare_fd_ >= 0) close(spare_fd_);
+        log_problem(msg::kSystemError, 1, std::string("accept: ") + std::strerror(errno) +
+                                              "; new connections wait " + std::to_string(kAcceptPauseMs) + " ms");
+        spare_fd_ = open("/dev/null", O_RDONLY | O_CLOEXEC);
+        loop_.modify(listen_token_, 0);
+        timers_.start(kAcceptPauseMs, [this] {
+          if (listen_token_) loop_.modify(listen_token_, EPOLLIN);
+        });
+      } else if (errno != EAGAIN && errno != EWOULDBLOCK) {
         log_problem(msg::kSystemError, 1, std::string("accept: ") + std::strerror(errno));
+      }
       return;
     }
     ucred cred{};
@@ -482,6 +500,11 @@ void Daemon::deliver(const proto::Completion& completion) {
 }
 
 void Daemon::start_program(const proto::StartProgram& start) {
+  if (shutting_down_) {
+    // Attaches cannot be served any more: start nothing.
+    host_->program_failed(start.instance);
+    return;
+  }
   const config::TpProgram* program = nullptr;
   for (const config::TpProgram& p : config_.programs)
     if (p.tp_name == start.tp_name) {

@@ -99,6 +99,7 @@ class Daemon : private OperatorTarget {
   SideInfoService side_info_service_;
 
   int signal_fd_ = -1;
+  int spare_fd_ = -1;  // released when descriptors run out
   uint64_t signal_token_ = 0;
   uint64_t listen_token_ = 0;
   uint64_t idle_timer_ = 0;
@@ -106,6 +107,7 @@ class Daemon : private OperatorTarget {
   std::map<proto::ClientId, std::unique_ptr<ClientConnection>> clients_;
   bool reaping_ = false;
   bool stop_requested_ = false;
+  bool shutting_down_ = false;
   std::string stop_reason_;
   // When each queued attach was first seen, for the status view.
   std::unordered_map<uint32_t, std::chrono::steady_clock::time_point> queued_since_;

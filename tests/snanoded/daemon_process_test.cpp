@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <sstream>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -423,6 +424,58 @@ TEST_F(DaemonTest, ClientThatNeverReadsDoesNotGrowTheDaemon) {
     if (++replies == sent / frame.size()) break;
   }
   EXPECT_EQ(replies, sent / frame.size());
+}
+
+// CPU time the process has used, in clock ticks.
+long cpu_ticks(pid_t pid) {
+  const std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
+  std::istringstream in(stat.substr(stat.rfind(')') + 2));
+  std::string field;
+  long utime = 0, stime = 0;
+  for (int i = 3; i <= 15 && in >> field; ++i) {
+    if (i == 14) utime = std::stol(field);
+    if (i == 15) stime = std::stol(field);
+  }
+  return utime + stime;
+}
+
+// Out of descriptors, the daemon neither spins on the waiting connections
+// nor loses them: they are served once descriptors are free again.
+TEST_F(DaemonTest, OutOfDescriptorsWaitsInsteadOfSpinning) {
+  daemon_.limit_descriptors(24);
+  start();
+  std::vector<std::unique_ptr<WireClient>> clients;
+  for (int i = 0; i < 30; ++i) {
+    clients.push_back(std::make_unique<WireClient>());
+    ASSERT_TRUE(clients.back()->connect(socket_));  // the backlog takes them
+  }
+  // Those the daemon accepted answer HELLO; the rest wait.
+  size_t served = 0;
+  for (auto& c : clients) {
+    wire::Hello h;
+    std::vector<uint8_t> body(wire::kHelloSize);
+    wire::encode_hello(body.data(), h);
+    ASSERT_TRUE(c->send_frame(wire::Kind::kHello, 1, body));
+  }
+  for (auto& c : clients)
+    if (c->read_frame(100)) ++served;
+  EXPECT_GT(served, 0u);
+  EXPECT_LT(served, clients.size());
+  const long before = cpu_ticks(daemon_.pid());
+  EXPECT_FALSE(clients.back()->read_frame(1000));  // still waiting, a second later
+  const long used = cpu_ticks(daemon_.pid()) - before;
+  EXPECT_LT(used, sysconf(_SC_CLK_TCK) / 4) << "the daemon spun for " << used << " ticks";
+  EXPECT_TRUE(wait_for_text(state_ + "/problems.log", "accept: Too many open files", 1000));
+  // Free the served ones; the others are answered.
+  size_t late = 0;
+  std::vector<std::unique_ptr<WireClient>> waiting;
+  for (size_t i = 0; i < clients.size(); ++i) {
+    if (i < served) clients[i]->close();
+    else waiting.push_back(std::move(clients[i]));
+  }
+  for (size_t i = 0; i < waiting.size() && i < served; ++i)
+    if (waiting[i]->read_frame(3000)) ++late;
+  EXPECT_EQ(late, std::min(served, waiting.size()));
 }
 
 TEST_F(DaemonTest, SigtermEndsConversationsAndRemovesTheSocket) {

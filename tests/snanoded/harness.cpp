@@ -5,6 +5,7 @@
 #include <grp.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -166,6 +167,10 @@ bool DaemonProcess::launch(const std::vector<std::string>& args, const std::vect
     else
       dup2(ready[1], 3);  // the copy is not close-on-exec
     dup2(err[1], 2);
+    if (fd_limit_) {
+      rlimit lim{fd_limit_, fd_limit_};
+      if (setrlimit(RLIMIT_NOFILE, &lim) != 0) _exit(126);
+    }
     if (as_set_ && (setgroups(0, nullptr) != 0 || setgid(as_gid_) != 0 || setuid(as_uid_) != 0)) _exit(126);
     execve(argv[0], argv.data(), envp.data());
     _exit(127);

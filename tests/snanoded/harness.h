@@ -63,6 +63,8 @@ class DaemonProcess {
     as_gid_ = gid;
     as_set_ = true;
   }
+  // Starts the daemon with at most this many open descriptors.
+  void limit_descriptors(unsigned n) { fd_limit_ = n; }
   // Waits for the process to end; nullopt on time-out.
   std::optional<ExitStatus> wait_exit(int timeout_ms);
   void signal(int sig);
@@ -77,6 +79,7 @@ class DaemonProcess {
   int stderr_fd_ = -1;
   int ready_fd_ = -1;
   bool as_set_ = false;
+  unsigned fd_limit_ = 0;
   uid_t as_uid_ = 0;
   gid_t as_gid_ = 0;
   bool ready_ = false;
