@@ -459,6 +459,19 @@ const std::vector<Row> &rows() {
            "A: allocate tp=T as=Z tpn=SRV | - ALLOCATE p=0x0001 s=0x000000F1",
            "B: send c=C text=z type=0 | - SEND_DATA p=0x0005 s=0x08640001",
        }},
+      {"X09_BlockingVerbFromACompletionRoutine",
+       turned() + Steps{
+           "A: rcv c=C async=r then=rcv,c:C",
+           "A< issued r",
+           "B: send c=C text=ONE type=1 | - SEND_DATA p=0x0000",
+           "A< r RECEIVE_AND_WAIT p=0x0000 wr=0x0200 text=ONE",
+           // The routine now waits in a blocking receive on the runtime's
+           // thread; other replies still reach the program.
+           "A: sync | - SYNC p=0x0001",
+           "B: send c=C text=TWO type=3 | - SEND_DATA p=0x0000",
+           "A< - RECEIVE_AND_WAIT p=0x0000 wr=0x0201 text=TWO",
+           "A: state c=C | - GET_STATE p=0x0000 state=9",
+       }},
   };
   return table;
 }

@@ -24,6 +24,8 @@
 // type), conv=N (a raw conversation id) and tpid=HEX (a raw TP id). async=TAG issues the verb with
 // a completion routine: the driver prints "issued TAG", and the result
 // line, tagged TAG, whenever it arrives. Blocking results are tagged "-".
+// With async, then=WORD,KEY:VALUE,... names a command that the completion
+// routine issues (blocking unless it says async) once the result is out.
 //
 // Result lines: TAG VERB p=0xPPPP s=0xSSSSSSSS and the verb's outputs.
 // The loss of the node is printed as "event 0x8001".
@@ -205,6 +207,7 @@ struct Call {
   std::vector<uint8_t> buffer;  // receive buffer
   bool issued_printed = false;
   std::string pending_result;
+  std::string then;  // command issued from the completion routine
 };
 
 std::map<std::string, Call *> in_flight;  // by tag, under out_mutex
@@ -309,24 +312,33 @@ std::string describe(Call &c) {
   return line;
 }
 
+void command(const std::string &text);
+
 void completion(void *vcb, uint32_t, uint32_t, uint32_t) {
-  Call *call = nullptr;
-  std::lock_guard<std::mutex> hold(out_mutex);
-  for (auto &kv : in_flight) {
-    if (static_cast<void *>(kv.second->block) == vcb) call = kv.second;
+  std::string then;
+  {
+    std::lock_guard<std::mutex> hold(out_mutex);
+    Call *call = nullptr;
+    for (auto &kv : in_flight) {
+      if (static_cast<void *>(kv.second->block) == vcb) call = kv.second;
+    }
+    if (call == nullptr) {
+      emit_locked("error completion for an unknown block");
+      return;
+    }
+    then = call->then;
+    std::string line = describe(*call);
+    if (call->issued_printed) {
+      emit_locked(line);
+      in_flight.erase(call->tag);
+      delete call;
+    } else {
+      call->pending_result = line;  // printed after "issued"
+    }
   }
-  if (call == nullptr) {
-    emit_locked("error completion for an unknown block");
-    return;
-  }
-  std::string line = describe(*call);
-  if (call->issued_printed) {
-    emit_locked(line);
-    in_flight.erase(call->tag);
-    delete call;
-  } else {
-    call->pending_result = line;  // printed after "issued"
-  }
+  // A verb issued from inside the completion routine, on the runtime's
+  // thread.
+  if (!then.empty()) command(then);
 }
 
 int path_event(void *, VPM_PATH_EVENT *event) {
@@ -552,6 +564,8 @@ void command(const std::string &text) {
   c->tag = arg(a, "async", "-");
   c->as = arg(a, "as");
   c->tpas = arg(a, "tpas");
+  // then=WORD,KEY:VALUE,... is the command "WORD KEY=VALUE ..."
+  for (char ch : arg(a, "then")) c->then += ch == ',' ? ' ' : ch == ':' ? '=' : ch;
   Conv conv;
   bool known = true;
 
