@@ -6,6 +6,7 @@
 #include <crypt.h>
 #include <fcntl.h>
 #include <grp.h>
+#include <toml++/toml.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,8 +16,6 @@
 #include <map>
 #include <memory>
 #include <set>
-
-#include <toml++/toml.h>
 
 namespace sna::config {
 
@@ -32,6 +31,12 @@ using proto::ModeConfig;
 constexpr const char* kBuiltinModes[] = {"", "#INTER", "#INTERSC", "#BATCH", "#BATCHSC"};
 constexpr int64_t kMaxSeconds = 4294967;  // still fits in 32 bits as milliseconds
 constexpr size_t kMaxSocketPath = 107;    // sun_path less its terminating NUL
+
+constexpr const char* kNotQualified =
+    " is not a qualified LU name (NET.LU, each part 1-8 of A-Z 0-9 @ # $, not starting with a digit)";
+constexpr const char* kNotAlias = " is not 1-8 printable ASCII characters without blanks";
+constexpr const char* kNotTpName = " is not 1-64 printable ASCII characters (no leading or trailing blank)";
+constexpr const char* kNotUserId = " is not 1-10 printable ASCII characters without blanks";
 
 bool name_char(char c) {
   return (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '@' || c == '#' || c == '$';
@@ -67,7 +72,8 @@ bool padded_text_ok(const std::string& s, size_t max) {
 }
 
 bool hex8_ok(const std::string& s) {
-  return s.size() == 8 && std::all_of(s.begin(), s.end(), [](char c) { return std::isxdigit(static_cast<unsigned char>(c)); });
+  return s.size() == 8 &&
+         std::all_of(s.begin(), s.end(), [](char c) { return std::isxdigit(static_cast<unsigned char>(c)); });
 }
 
 bool env_name_ok(const std::string& s) {
@@ -110,7 +116,8 @@ class Loader;
 
 class Section {
  public:
-  Section(Loader& l, const toml::table& t, std::string label) : loader_(l), table_(t), label_(std::move(label)) {}
+  Section(Loader& l, const toml::table& t, std::string label)
+      : loader_(l), table_(t), label_(std::move(label)) {}
 
   int line() const { return line_of(table_.source()); }
   const std::string& label() const { return label_; }
@@ -156,7 +163,9 @@ class Loader {
     // Records a name; false (and an error) when it was used before.
     bool add(Loader& l, const std::string& name, int line, const std::string& what) {
       auto [it, fresh] = first.emplace(name, line);
-      if (!fresh) l.fail(line, "duplicate " + what + " " + quoted(name) + " (also at line " + std::to_string(it->second) + ")");
+      if (!fresh)
+        l.fail(line, "duplicate " + what + " " + quoted(name) + " (also at line " +
+                         std::to_string(it->second) + ")");
       return fresh;
     }
   };
@@ -225,7 +234,8 @@ bool Section::integer(const char* key, int64_t min, int64_t max, int64_t& out) {
   }
   const int64_t v = n->as_integer()->get();
   if (v < min || v > max) {
-    bad(key, "must be from " + std::to_string(min) + " to " + std::to_string(max) + ", not " + std::to_string(v));
+    bad(key,
+        "must be from " + std::to_string(min) + " to " + std::to_string(max) + ", not " + std::to_string(v));
     return false;
   }
   out = v;
@@ -317,22 +327,35 @@ void Loader::read_node(const toml::table& t, DaemonConfig& c) {
   s.allow_only({"name", "socket", "state_dir", "group", "idle_exit", "attach_timeout"});
   std::string v;
   if (s.string("name", v)) {
-    if (sna_name_ok(v) || qualified_name_ok(v)) c.node_name = v;
-    else s.bad("name", quoted(v) + " is not a node name (NAME or NET.NAME, each 1-8 of A-Z 0-9 @ # $, not starting with a digit)");
+    if (sna_name_ok(v) || qualified_name_ok(v))
+      c.node_name = v;
+    else
+      s.bad(
+          "name",
+          quoted(v) +
+              " is not a node name (NAME or NET.NAME, each 1-8 of A-Z 0-9 @ # $, not starting with a digit)");
   }
   if (s.string("socket", v)) {
-    if (v.empty() || v[0] != '/') s.bad("socket", "must be an absolute path");
-    else if (v.size() > kMaxSocketPath) s.bad("socket", "is longer than " + std::to_string(kMaxSocketPath) + " bytes");
-    else c.socket = v;
+    if (v.empty() || v[0] != '/')
+      s.bad("socket", "must be an absolute path");
+    else if (v.size() > kMaxSocketPath)
+      s.bad("socket", "is longer than " + std::to_string(kMaxSocketPath) + " bytes");
+    else
+      c.socket = v;
   }
   if (s.string("state_dir", v)) {
-    if (v.empty() || v[0] != '/') s.bad("state_dir", "must be an absolute path");
-    else c.state_dir = v;
+    if (v.empty() || v[0] != '/')
+      s.bad("state_dir", "must be an absolute path");
+    else
+      c.state_dir = v;
   }
   if (s.string("group", v)) {
-    if (v.empty()) s.bad("group", "must not be empty");
-    else if (!group_exists(v)) s.bad("group", quoted(v) + " is not a group of this system");
-    else c.group = v;
+    if (v.empty())
+      s.bad("group", "must not be empty");
+    else if (!group_exists(v))
+      s.bad("group", quoted(v) + " is not a group of this system");
+    else
+      c.group = v;
   }
   int64_t n = 0;
   if (s.integer("idle_exit", 0, kMaxSeconds, n)) {
@@ -352,22 +375,26 @@ void Loader::read_local_lus(const toml::table& root, DaemonConfig& c) {
     e.line = s.line();
     if (s.string("name", e.lu.fq_name, true)) {
       if (!qualified_name_ok(e.lu.fq_name))
-        s.bad("name", quoted(e.lu.fq_name) + " is not a qualified LU name (NET.LU, each part 1-8 of A-Z 0-9 @ # $, not starting with a digit)");
+        s.bad("name", quoted(e.lu.fq_name) + kNotQualified);
       else
         names.add(*this, e.lu.fq_name, s.key_line("name"), "local LU name");
     }
     if (s.string("alias", e.lu.alias, true)) {
-      if (!alias_ok(e.lu.alias)) s.bad("alias", quoted(e.lu.alias) + " is not 1-8 printable ASCII characters without blanks");
-      else aliases_.add(*this, e.lu.alias, s.key_line("alias"), "LU alias");
+      if (!alias_ok(e.lu.alias))
+        s.bad("alias", quoted(e.lu.alias) + kNotAlias);
+      else
+        aliases_.add(*this, e.lu.alias, s.key_line("alias"), "LU alias");
     }
     if (s.boolean("default", e.is_default) && e.is_default) {
-      if (default_line) s.bad("default", "is set on a second LU (the first is at line " + std::to_string(default_line) + ")");
-      else default_line = s.key_line("default");
+      if (default_line)
+        s.bad("default", "is set on a second LU (the first is at line " + std::to_string(default_line) + ")");
+      else
+        default_line = s.key_line("default");
     }
     if (s.string("default_partner", e.lu.default_partner)) {
       e.default_partner_line = s.key_line("default_partner");
       if (!e.lu.default_partner.empty() && !alias_ok(e.lu.default_partner)) {
-        s.bad("default_partner", quoted(e.lu.default_partner) + " is not 1-8 printable ASCII characters without blanks");
+        s.bad("default_partner", quoted(e.lu.default_partner) + kNotAlias);
         e.default_partner_line = 0;
       }
     }
@@ -377,7 +404,8 @@ void Loader::read_local_lus(const toml::table& root, DaemonConfig& c) {
     c.node.local_lus.push_back({"LOCAL", "NETWORK.LOCAL", ""});
     return;
   }
-  auto first = std::find_if(local_entries_.begin(), local_entries_.end(), [](const LuEntry& e) { return e.is_default; });
+  auto first = std::find_if(local_entries_.begin(), local_entries_.end(),
+                            [](const LuEntry& e) { return e.is_default; });
   if (first == local_entries_.end()) first = local_entries_.begin();
   c.node.local_lus.push_back(first->lu);
   for (auto it = local_entries_.begin(); it != local_entries_.end(); ++it)
@@ -392,22 +420,25 @@ void Loader::read_partners(const toml::table& root, DaemonConfig& c) {
     proto::PartnerLuConfig p;
     if (s.string("name", p.fq_name, true)) {
       if (!qualified_name_ok(p.fq_name))
-        s.bad("name", quoted(p.fq_name) + " is not a qualified LU name (NET.LU, each part 1-8 of A-Z 0-9 @ # $, not starting with a digit)");
+        s.bad("name", quoted(p.fq_name) + kNotQualified);
       else
         names.add(*this, p.fq_name, s.key_line("name"), "partner LU name");
     }
     if (s.string("alias", p.alias, true)) {
-      if (!alias_ok(p.alias)) s.bad("alias", quoted(p.alias) + " is not 1-8 printable ASCII characters without blanks");
-      else aliases_.add(*this, p.alias, s.key_line("alias"), "LU alias");
+      if (!alias_ok(p.alias))
+        s.bad("alias", quoted(p.alias) + kNotAlias);
+      else
+        aliases_.add(*this, p.alias, s.key_line("alias"), "LU alias");
     }
     s.boolean("accepts_already_verified", p.accepts_already_verified);
     c.node.partners.push_back(std::move(p));
   }
   // Default partners name an LU defined anywhere in the file.
   for (const LuEntry& e : local_entries_)
-    if (e.default_partner_line && !e.lu.default_partner.empty() && !aliases_.first.count(e.lu.default_partner))
-      fail(e.default_partner_line,
-           "[[local_lu]] default_partner " + quoted(e.lu.default_partner) + " is not the alias of a defined LU");
+    if (e.default_partner_line && !e.lu.default_partner.empty() &&
+        !aliases_.first.count(e.lu.default_partner))
+      fail(e.default_partner_line, "[[local_lu]] default_partner " + quoted(e.lu.default_partner) +
+                                       " is not the alias of a defined LU");
 }
 
 void Loader::read_modes(const toml::table& root, DaemonConfig& c) {
@@ -418,7 +449,9 @@ void Loader::read_modes(const toml::table& root, DaemonConfig& c) {
     ModeConfig m;
     if (!s.string("name", m.name, true)) continue;
     if (!m.name.empty() && !sna_name_ok(m.name)) {
-      s.bad("name", quoted(m.name) + " is not a mode name (1-8 of A-Z 0-9 @ # $, not starting with a digit; \"\" for the blank mode)");
+      s.bad("name", quoted(m.name) +
+                        " is not a mode name (1-8 of A-Z 0-9 @ # $, not starting with a digit; \"\" for the "
+                        "blank mode)");
       continue;
     }
     if (m.name == "SNASVCMG" || m.name == "CPSVCMG") {
@@ -430,9 +463,12 @@ void Loader::read_modes(const toml::table& root, DaemonConfig& c) {
     if (s.integer("session_limit", 0, 32767, n)) m.session_limit = static_cast<uint32_t>(n);
     if (s.integer("send_buffer_size", 256, 65535, n)) m.send_buffer_size = static_cast<uint32_t>(n);
     if (s.integer("pacing_window", 32768, UINT32_MAX, n)) m.pacing_window = static_cast<uint32_t>(n);
-    auto same = std::find_if(c.node.modes.begin(), c.node.modes.end(), [&](const ModeConfig& x) { return x.name == m.name; });
-    if (same != c.node.modes.end()) *same = m;
-    else c.node.modes.push_back(m);
+    auto same = std::find_if(c.node.modes.begin(), c.node.modes.end(),
+                             [&](const ModeConfig& x) { return x.name == m.name; });
+    if (same != c.node.modes.end())
+      *same = m;
+    else
+      c.node.modes.push_back(m);
   }
 }
 
@@ -447,14 +483,13 @@ void Loader::read_side_info(const toml::table& root, DaemonConfig& c) {
     SideInfoEntry e;
     if (s.string("sym_dest_name", e.sym_dest_name, true)) {
       if (!alias_ok(e.sym_dest_name))
-        s.bad("sym_dest_name", quoted(e.sym_dest_name) + " is not 1-8 printable ASCII characters without blanks");
+        s.bad("sym_dest_name", quoted(e.sym_dest_name) + kNotAlias);
       else
         names.add(*this, e.sym_dest_name, s.key_line("sym_dest_name"), "sym_dest_name");
     }
     if (s.string("partner_lu", e.partner_lu) && !e.partner_lu.empty()) {
       if (e.partner_lu.find('.') != std::string::npos) {
-        if (!qualified_name_ok(e.partner_lu))
-          s.bad("partner_lu", quoted(e.partner_lu) + " is not a qualified LU name (NET.LU, each part 1-8 of A-Z 0-9 @ # $, not starting with a digit)");
+        if (!qualified_name_ok(e.partner_lu)) s.bad("partner_lu", quoted(e.partner_lu) + kNotQualified);
       } else if (!alias_ok(e.partner_lu)) {
         s.bad("partner_lu", quoted(e.partner_lu) + " is neither a qualified LU name nor an alias");
       } else if (!aliases_.first.count(e.partner_lu)) {
@@ -464,8 +499,10 @@ void Loader::read_side_info(const toml::table& root, DaemonConfig& c) {
     if (s.string("mode", e.mode) && !e.mode.empty()) {
       const bool known = std::any_of(c.node.modes.begin(), c.node.modes.end(),
                                      [&](const ModeConfig& m) { return m.name == e.mode; });
-      if (!sna_name_ok(e.mode)) s.bad("mode", quoted(e.mode) + " is not a mode name");
-      else if (!known) s.bad("mode", quoted(e.mode) + " is not a defined mode");
+      if (!sna_name_ok(e.mode))
+        s.bad("mode", quoted(e.mode) + " is not a mode name");
+      else if (!known)
+        s.bad("mode", quoted(e.mode) + " is not a defined mode");
     }
     std::string type = "application";
     if (s.string("tp_name_type", type) && type != "application" && type != "service")
@@ -473,21 +510,29 @@ void Loader::read_side_info(const toml::table& root, DaemonConfig& c) {
     e.service_tp = type == "service";
     if (s.string("tp_name", e.tp_name)) {
       if (e.service_tp) {
-        if (!hex8_ok(e.tp_name)) s.bad("tp_name", quoted(e.tp_name) + " is not 8 hex digits (a service TP name)");
-        else std::transform(e.tp_name.begin(), e.tp_name.end(), e.tp_name.begin(), [](char ch) { return static_cast<char>(std::toupper(static_cast<unsigned char>(ch))); });
+        if (!hex8_ok(e.tp_name))
+          s.bad("tp_name", quoted(e.tp_name) + " is not 8 hex digits (a service TP name)");
+        else
+          std::transform(e.tp_name.begin(), e.tp_name.end(), e.tp_name.begin(), [](char ch) {
+            return static_cast<char>(std::toupper(static_cast<unsigned char>(ch)));
+          });
       } else if (!padded_text_ok(e.tp_name, 64)) {
-        s.bad("tp_name", quoted(e.tp_name) + " is not 1-64 printable ASCII characters (no leading or trailing blank)");
+        s.bad("tp_name", quoted(e.tp_name) + kNotTpName);
       }
     }
     std::string sec;
     if (s.string("security", sec)) {
-      static const std::pair<const char*, uint32_t> kSec[] = {{"none", 0}, {"same", 1}, {"program", 2}, {"program_strong", 5}};
+      static const std::pair<const char*, uint32_t> kSec[] = {
+          {"none", 0}, {"same", 1}, {"program", 2}, {"program_strong", 5}};
       auto it = std::find_if(std::begin(kSec), std::end(kSec), [&](const auto& p) { return sec == p.first; });
-      if (it == std::end(kSec)) s.bad("security", "must be \"none\", \"same\", \"program\" or \"program_strong\", not " + quoted(sec));
-      else e.security = it->second;
+      if (it == std::end(kSec))
+        s.bad("security",
+              "must be \"none\", \"same\", \"program\" or \"program_strong\", not " + quoted(sec));
+      else
+        e.security = it->second;
     }
     if (s.string("user_id", e.user_id) && !e.user_id.empty() && !user_id_ok(e.user_id))
-      s.bad("user_id", quoted(e.user_id) + " is not 1-10 printable ASCII characters without blanks");
+      s.bad("user_id", quoted(e.user_id) + kNotUserId);
     if (s.string("password", e.password) && !e.password.empty() && !padded_text_ok(e.password, 10))
       s.bad("password", "is not 1-10 printable ASCII characters (no leading or trailing blank)");
     if (s.string("local_lu", e.local_lu) && !e.local_lu.empty() && !local_aliases.count(e.local_lu))
@@ -503,18 +548,20 @@ void Loader::read_tps(const toml::table& root, DaemonConfig& c) {
   for (const toml::table* t : entries(root, "tp")) {
     Section s(*this, *t, "[[tp]]");
     s.allow_only({"name", "program", "arguments", "directory", "environment", "log_file", "conversation_type",
-                  "sync_level", "attach_timeout", "instance_limit", "security_required", "only_when_unregistered"});
+                  "sync_level", "attach_timeout", "instance_limit", "security_required",
+                  "only_when_unregistered"});
     proto::TpDefinition d;
     TpProgram p;
     if (s.string("name", d.tp_name, true)) {
       if (!padded_text_ok(d.tp_name, 64))
-        s.bad("name", quoted(d.tp_name) + " is not 1-64 printable ASCII characters (no leading or trailing blank)");
+        s.bad("name", quoted(d.tp_name) + kNotTpName);
       else
         names.add(*this, d.tp_name, s.key_line("name"), "TP name");
     }
     p.tp_name = d.tp_name;
     if (s.string("program", p.program, true)) {
-      if (p.program.empty()) s.bad("program", "must not be empty");
+      if (p.program.empty())
+        s.bad("program", "must not be empty");
       else if (p.program[0] != '/' && p.program.find('/') != std::string::npos)
         s.bad("program", quoted(p.program) + " must be an absolute path or a name to look up in PATH");
     }
@@ -526,7 +573,8 @@ void Loader::read_tps(const toml::table& root, DaemonConfig& c) {
       for (size_t i = 0; i < p.environment.size(); ++i) {
         const std::string& name = p.environment[i].first;
         if (!env_name_ok(name))
-          fail(lines[i], "[[tp]] environment " + quoted(name) + " is not a variable name (letters, digits, _)");
+          fail(lines[i],
+               "[[tp]] environment " + quoted(name) + " is not a variable name (letters, digits, _)");
         else if (name == "APPCTPN" || name == "APPCLLU" || name == "SNANODE_SOCKET")
           fail(lines[i], "[[tp]] environment " + name + " is set by the node for every program");
       }
@@ -536,16 +584,24 @@ void Loader::read_tps(const toml::table& root, DaemonConfig& c) {
       s.bad("log_file", "must be an absolute path");
     std::string v;
     if (s.string("conversation_type", v)) {
-      if (v == "basic") d.conversation_type = proto::TypeAllowed::kBasic;
-      else if (v == "mapped") d.conversation_type = proto::TypeAllowed::kMapped;
-      else if (v == "either") d.conversation_type = proto::TypeAllowed::kEither;
-      else s.bad("conversation_type", "must be \"basic\", \"mapped\" or \"either\", not " + quoted(v));
+      if (v == "basic")
+        d.conversation_type = proto::TypeAllowed::kBasic;
+      else if (v == "mapped")
+        d.conversation_type = proto::TypeAllowed::kMapped;
+      else if (v == "either")
+        d.conversation_type = proto::TypeAllowed::kEither;
+      else
+        s.bad("conversation_type", "must be \"basic\", \"mapped\" or \"either\", not " + quoted(v));
     }
     if (s.string("sync_level", v)) {
-      if (v == "none") d.sync_level = proto::SyncAllowed::kNone;
-      else if (v == "confirm") d.sync_level = proto::SyncAllowed::kConfirm;
-      else if (v == "either") d.sync_level = proto::SyncAllowed::kEither;
-      else s.bad("sync_level", "must be \"none\", \"confirm\" or \"either\", not " + quoted(v));
+      if (v == "none")
+        d.sync_level = proto::SyncAllowed::kNone;
+      else if (v == "confirm")
+        d.sync_level = proto::SyncAllowed::kConfirm;
+      else if (v == "either")
+        d.sync_level = proto::SyncAllowed::kEither;
+      else
+        s.bad("sync_level", "must be \"none\", \"confirm\" or \"either\", not " + quoted(v));
     }
     int64_t n = 0;
     if (s.integer("attach_timeout", 1, kMaxSeconds, n)) d.attach_timeout_ms = static_cast<uint32_t>(n * 1000);
@@ -565,12 +621,13 @@ void Loader::read_security_users(const toml::table& root, DaemonConfig& c) {
     SecurityUser u;
     if (s.string("user_id", u.user_id, true)) {
       if (!user_id_ok(u.user_id))
-        s.bad("user_id", quoted(u.user_id) + " is not 1-10 printable ASCII characters without blanks");
+        s.bad("user_id", quoted(u.user_id) + kNotUserId);
       else
         names.add(*this, u.user_id, s.key_line("user_id"), "user ID");
     }
     if (s.string("password_hash", u.password_hash, true) && !crypt_hash_usable(u.password_hash))
-      s.bad("password_hash", "is not a crypt(3) hash this system supports (make one with snanoded --hash-password)");
+      s.bad("password_hash",
+            "is not a crypt(3) hash this system supports (make one with snanoded --hash-password)");
     c.security_users.push_back(std::move(u));
   }
 }
@@ -589,18 +646,23 @@ DaemonConfig Loader::load(const toml::table& root) {
   DaemonConfig c = builtin_defaults();
   c.node.local_lus.clear();
   c.node_name.clear();
-  static const char* const kTables[] = {"node", "local_lu", "partner_lu", "mode", "side_info", "tp", "security_user"};
+  static const char* const kTables[] = {"node",      "local_lu", "partner_lu",   "mode",
+                                        "side_info", "tp",       "security_user"};
   for (auto&& [k, v] : root) {
-    const bool known = std::any_of(std::begin(kTables), std::end(kTables), [&](const char* n) { return k.str() == n; });
+    const bool known =
+        std::any_of(std::begin(kTables), std::end(kTables), [&](const char* n) { return k.str() == n; });
     if (!known) {
       const int l = k.source().begin.line ? line_of(k.source()) : line_of(v.source());
-      fail(l, (v.is_table() || v.is_array_of_tables() ? "unknown table " : "unknown key ") + quoted(std::string(k.str())));
+      fail(l, (v.is_table() || v.is_array_of_tables() ? "unknown table " : "unknown key ") +
+                  quoted(std::string(k.str())));
     }
   }
   if (const toml::node* n = root.get("node")) {
-    if (const toml::table* t = n->as_table()) read_node(*t, c);
-    else fail(line_of(n->source()), n->is_array_of_tables() ? "[node] must be a single table, not [[node]]"
-                                                            : "node must be a table ([node])");
+    if (const toml::table* t = n->as_table())
+      read_node(*t, c);
+    else
+      fail(line_of(n->source()), n->is_array_of_tables() ? "[node] must be a single table, not [[node]]"
+                                                         : "node must be a table ([node])");
   }
   read_local_lus(root, c);
   read_partners(root, c);

@@ -314,7 +314,9 @@ void Node::finish_flush(End& e, ClientId c, uint64_t tag, const Verb& v, VerbRes
   // counting it here answers at once in the common case, and the check
   // after delivery (release_due_paced) corrects an over-estimate.
   const size_t W = pacing_window(e);
-  if (W == 0 || unreceived(e) + e.flushed_bytes < W) return answer_flush(e, c, tag, v, std::move(r), delete_after);
+  if (W == 0 || unreceived(e) + e.flushed_bytes < W) {
+    return answer_flush(e, c, tag, v, std::move(r), delete_after);
+  }
   PendingVerb p;
   p.client = c;
   p.tag = tag;

@@ -32,8 +32,8 @@ NodeSnapshot Node::snapshot() const {
     c.mode = e.mode;
     // The allocating end knows the name from its attach, the target end
     // from the attach it received.
-    c.tp_name = display_name(e.attach_tp_name.empty() ? ByteView(e.attach.tp_name)
-                                                      : ByteView(e.attach_tp_name));
+    c.tp_name =
+        display_name(e.attach_tp_name.empty() ? ByteView(e.attach.tp_name) : ByteView(e.attach_tp_name));
     c.client = 0;
     if (e.has_tp) {
       auto tp = tps_.find(e.tp);
@@ -44,9 +44,11 @@ NodeSnapshot Node::snapshot() const {
   for (const auto& [id, tp] : tps_)
     snap.tps.push_back(NodeSnapshot::TpInfo{id, tp.client, tp.local_lu, display_name(tp.tp_name)});
   for (const auto& [client, ci] : clients_)
-    for (const Bytes& n : ci.names) snap.registrations.push_back(NodeSnapshot::Registration{display_name(n), client});
+    for (const Bytes& n : ci.names)
+      snap.registrations.push_back(NodeSnapshot::Registration{display_name(n), client});
   for (const auto& [name, q] : queued_attaches_)
-    for (uint32_t conv : q) snap.queued_attaches.push_back(NodeSnapshot::QueuedAttach{display_name(name), conv});
+    for (uint32_t conv : q)
+      snap.queued_attaches.push_back(NodeSnapshot::QueuedAttach{display_name(name), conv});
   for (const auto& [id, s] : sessions_) {
     const bool used = s.half[0].conv != 0 || s.half[1].conv != 0;
     snap.sessions.push_back(NodeSnapshot::SessionInfo{id, s.bound, used, s.partner_fq, s.mode});

@@ -99,8 +99,7 @@ const GoodCase kGood[] = {
        EXPECT_EQ(c.idle_exit_s, 30u);
        EXPECT_EQ(c.node.default_attach_timeout_ms, 5000u);
      }},
-    {"idle_exit 0 is set, and a one-part node name",
-     "[node]\nidle_exit = 0\nname = \"NODE1\"\n",
+    {"idle_exit 0 is set, and a one-part node name", "[node]\nidle_exit = 0\nname = \"NODE1\"\n",
      [](const DaemonConfig& c) {
        EXPECT_TRUE(c.idle_exit_set);
        EXPECT_EQ(c.idle_exit_s, 0u);
@@ -318,10 +317,13 @@ const GoodCase kGood[] = {
     {"security users",
      "[[security_user]]\n"
      "user_id = \"USER1\"\n"
-     "password_hash = \"$6$saltsalt$qFmFH.bQmmtXzyBY0s9v7Oicd2z4XSIecDzlB5KiA2/jctKu9YterLp8wwnSq.qc.eoxqOmSuNp2xS0ktL3nh/\"\n"
+     "password_hash = "
+     "\"$6$saltsalt$qFmFH.bQmmtXzyBY0s9v7Oicd2z4XSIecDzlB5KiA2/jctKu9YterLp8wwnSq.qc.eoxqOmSuNp2xS0ktL3nh/"
+     "\"\n"
      "[[security_user]]\n"
      "user_id = \"u.two@x\"\n"
-     "password_hash = \"$6$abc$7OcfKPIpYEP9nRjnIUtSqx2WnA8rBhp9hbWeY.1ZFaXfy8sVDS7RmpCK/g6GFHAG3fK4xzdkS.FOlmOu1vyVv/\"\n",
+     "password_hash = "
+     "\"$6$abc$7OcfKPIpYEP9nRjnIUtSqx2WnA8rBhp9hbWeY.1ZFaXfy8sVDS7RmpCK/g6GFHAG3fK4xzdkS.FOlmOu1vyVv/\"\n",
      [](const DaemonConfig& c) {
        ASSERT_EQ(c.security_users.size(), 2u);
        EXPECT_EQ(c.security_users[0].user_id, "USER1");
@@ -345,8 +347,9 @@ INSTANTIATE_TEST_SUITE_P(ConfigTable, ConfigGood, ::testing::ValuesIn(kGood));
 TEST(ConfigGood, SecurityUserPasswordsAreCheckedThroughTheNode) {
   const std::string h1 = hash_password("secret1"), h2 = hash_password("other two");
   ASSERT_FALSE(h1.empty());
-  const DaemonConfig c = load_ok("[[security_user]]\nuser_id = \"USER1\"\npassword_hash = \"" + h1 +
-                                 "\"\n[[security_user]]\nuser_id = \"USER2\"\npassword_hash = \"" + h2 + "\"\n");
+  const DaemonConfig c =
+      load_ok("[[security_user]]\nuser_id = \"USER1\"\npassword_hash = \"" + h1 +
+              "\"\n[[security_user]]\nuser_id = \"USER2\"\npassword_hash = \"" + h2 + "\"\n");
   ASSERT_TRUE(c.node.check_password);
   EXPECT_TRUE(c.node.check_password("USER1", "secret1"));
   EXPECT_TRUE(c.node.check_password("USER2", "other two"));
@@ -382,72 +385,92 @@ const BadCase kBad[] = {
     // [node]
     {"unknown key in [node]", "[node]\nname = \"A\"\nnmae = \"B\"\n", 3, "unknown key \"nmae\" in [node]"},
     {"node name not a name", "[node]\nname = \"net.a\"\n", 2,
-     "[node] name \"net.a\" is not a node name (NAME or NET.NAME, each 1-8 of A-Z 0-9 @ # $, not starting with a digit)"},
+     "[node] name \"net.a\" is not a node name (NAME or NET.NAME, each 1-8 of A-Z 0-9 @ # $, not starting "
+     "with a digit)"},
     {"socket relative", "[node]\nsocket = \"run/socket\"\n", 2, "[node] socket must be an absolute path"},
     {"socket too long",
-     "[node]\nsocket = \"/tmp/aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa\"\n", 2,
-     "[node] socket is longer than 107 bytes"},
-    {"socket at the limit is fine, the next key is not", "[node]\nsocket = \"/tmp/aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa\"\nidle_exit = true\n", 3,
-     "[node] idle_exit must be an integer"},
+     "[node]\nsocket = "
+     "\"/tmp/"
+     "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa"
+     "\"\n",
+     2, "[node] socket is longer than 107 bytes"},
+    {"socket at the limit is fine, the next key is not",
+     "[node]\nsocket = "
+     "\"/tmp/"
+     "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa"
+     "\"\nidle_exit = true\n",
+     3, "[node] idle_exit must be an integer"},
     {"state_dir relative", "[node]\nstate_dir = \"state\"\n", 2, "[node] state_dir must be an absolute path"},
     {"group unknown", "[node]\ngroup = \"no-such-group-here\"\n", 2,
      "[node] group \"no-such-group-here\" is not a group of this system"},
     {"idle_exit a string", "[node]\nidle_exit = \"10\"\n", 2, "[node] idle_exit must be an integer"},
-    {"idle_exit negative", "[node]\nidle_exit = -1\n", 2, "[node] idle_exit must be from 0 to 4294967, not -1"},
+    {"idle_exit negative", "[node]\nidle_exit = -1\n", 2,
+     "[node] idle_exit must be from 0 to 4294967, not -1"},
     {"idle_exit a float", "[node]\nidle_exit = 1.5\n", 2, "[node] idle_exit must be an integer"},
     {"attach_timeout 0", "[node]\nattach_timeout = 0\n", 2,
      "[node] attach_timeout must be from 1 to 4294967, not 0"},
     {"attach_timeout too large", "[node]\nattach_timeout = 4294968\n", 2,
      "[node] attach_timeout must be from 1 to 4294967, not 4294968"},
     {"name not a string", "[node]\nname = 5\n", 2, "[node] name must be a string"},
-    {"NUL in a string", "[node]\nstate_dir = \"/a\\u0000b\"\n", 2, "[node] state_dir must not contain a NUL character"},
+    {"NUL in a string", "[node]\nstate_dir = \"/a\\u0000b\"\n", 2,
+     "[node] state_dir must not contain a NUL character"},
     // [[local_lu]]
     {"local LU without name", "\n[[local_lu]]\nalias = \"A\"\n", 2, "[[local_lu]] name is required"},
     {"local LU without alias", "[[local_lu]]\nname = \"N.A\"\n", 1, "[[local_lu]] alias is required"},
     {"LU name part starts with a digit", "[[local_lu]]\nalias = \"A\"\nname = \"NET.1LU\"\n", 3,
-     "[[local_lu]] name \"NET.1LU\" is not a qualified LU name (NET.LU, each part 1-8 of A-Z 0-9 @ # $, not starting with a digit)"},
+     "[[local_lu]] name \"NET.1LU\" is not a qualified LU name (NET.LU, each part 1-8 of A-Z 0-9 @ # $, not "
+     "starting with a digit)"},
     {"LU name part too long", "[[local_lu]]\nalias = \"A\"\nname = \"NET.ABCDEFGHI\"\n", 3,
-     "[[local_lu]] name \"NET.ABCDEFGHI\" is not a qualified LU name (NET.LU, each part 1-8 of A-Z 0-9 @ # $, not starting with a digit)"},
+     "[[local_lu]] name \"NET.ABCDEFGHI\" is not a qualified LU name (NET.LU, each part 1-8 of A-Z 0-9 @ # "
+     "$, not starting with a digit)"},
     {"LU name lower case", "[[local_lu]]\nalias = \"A\"\nname = \"net.lu\"\n", 3,
-     "[[local_lu]] name \"net.lu\" is not a qualified LU name (NET.LU, each part 1-8 of A-Z 0-9 @ # $, not starting with a digit)"},
+     "[[local_lu]] name \"net.lu\" is not a qualified LU name (NET.LU, each part 1-8 of A-Z 0-9 @ # $, not "
+     "starting with a digit)"},
     {"LU name without network", "[[local_lu]]\nalias = \"A\"\nname = \"LU\"\n", 3,
-     "[[local_lu]] name \"LU\" is not a qualified LU name (NET.LU, each part 1-8 of A-Z 0-9 @ # $, not starting with a digit)"},
+     "[[local_lu]] name \"LU\" is not a qualified LU name (NET.LU, each part 1-8 of A-Z 0-9 @ # $, not "
+     "starting with a digit)"},
     {"alias too long", "[[local_lu]]\nalias = \"ABCDEFGHI\"\nname = \"N.A\"\n", 2,
      "[[local_lu]] alias \"ABCDEFGHI\" is not 1-8 printable ASCII characters without blanks"},
     {"alias with a blank", "[[local_lu]]\nalias = \"A B\"\nname = \"N.A\"\n", 2,
      "[[local_lu]] alias \"A B\" is not 1-8 printable ASCII characters without blanks"},
     {"alias not ASCII", "[[local_lu]]\nalias = \"\xc3\xa9t\xc3\xa9\"\nname = \"N.A\"\n", 2,
      "[[local_lu]] alias \"\xc3\xa9t\xc3\xa9\" is not 1-8 printable ASCII characters without blanks"},
-    {"duplicate local LU name", "[[local_lu]]\nalias = \"A\"\nname = \"N.A\"\n[[local_lu]]\nalias = \"B\"\nname = \"N.A\"\n",
-     6, "duplicate local LU name \"N.A\" (also at line 3)"},
+    {"duplicate local LU name",
+     "[[local_lu]]\nalias = \"A\"\nname = \"N.A\"\n[[local_lu]]\nalias = \"B\"\nname = \"N.A\"\n", 6,
+     "duplicate local LU name \"N.A\" (also at line 3)"},
     {"duplicate alias, local and partner",
      "[[local_lu]]\nalias = \"A\"\nname = \"N.A\"\n[[partner_lu]]\nalias = \"A\"\nname = \"N.B\"\n", 5,
      "duplicate LU alias \"A\" (also at line 2)"},
     {"two defaults",
-     "[[local_lu]]\nalias = \"A\"\nname = \"N.A\"\ndefault = true\n[[local_lu]]\nalias = \"B\"\nname = \"N.B\"\ndefault = true\n",
+     "[[local_lu]]\nalias = \"A\"\nname = \"N.A\"\ndefault = true\n[[local_lu]]\nalias = \"B\"\nname = "
+     "\"N.B\"\ndefault = true\n",
      8, "[[local_lu]] default is set on a second LU (the first is at line 4)"},
     {"default not a boolean", "[[local_lu]]\nalias = \"A\"\nname = \"N.A\"\ndefault = \"yes\"\n", 4,
      "[[local_lu]] default must be true or false"},
-    {"default partner unknown", "[[local_lu]]\nalias = \"A\"\nname = \"N.A\"\ndefault_partner = \"NOPE\"\n", 4,
-     "[[local_lu]] default_partner \"NOPE\" is not the alias of a defined LU"},
+    {"default partner unknown", "[[local_lu]]\nalias = \"A\"\nname = \"N.A\"\ndefault_partner = \"NOPE\"\n",
+     4, "[[local_lu]] default_partner \"NOPE\" is not the alias of a defined LU"},
     {"unknown key in [[local_lu]]", "[[local_lu]]\nalias = \"A\"\nname = \"N.A\"\nlu_name = \"N.A\"\n", 4,
      "unknown key \"lu_name\" in [[local_lu]]"},
     // [[partner_lu]]
     {"partner name unqualified", "[[partner_lu]]\nalias = \"P\"\nname = \"PARTNER\"\n", 3,
-     "[[partner_lu]] name \"PARTNER\" is not a qualified LU name (NET.LU, each part 1-8 of A-Z 0-9 @ # $, not starting with a digit)"},
+     "[[partner_lu]] name \"PARTNER\" is not a qualified LU name (NET.LU, each part 1-8 of A-Z 0-9 @ # $, "
+     "not starting with a digit)"},
     {"duplicate partner name",
      "[[partner_lu]]\nalias = \"P\"\nname = \"N.P\"\n[[partner_lu]]\nalias = \"Q\"\nname = \"N.P\"\n", 6,
      "duplicate partner LU name \"N.P\" (also at line 3)"},
-    {"accepts_already_verified a number", "[[partner_lu]]\nalias = \"P\"\nname = \"N.P\"\naccepts_already_verified = 1\n",
-     4, "[[partner_lu]] accepts_already_verified must be true or false"},
+    {"accepts_already_verified a number",
+     "[[partner_lu]]\nalias = \"P\"\nname = \"N.P\"\naccepts_already_verified = 1\n", 4,
+     "[[partner_lu]] accepts_already_verified must be true or false"},
     // [[mode]]
     {"mode name lower case", "[[mode]]\nname = \"fast\"\n", 2,
-     "[[mode]] name \"fast\" is not a mode name (1-8 of A-Z 0-9 @ # $, not starting with a digit; \"\" for the blank mode)"},
+     "[[mode]] name \"fast\" is not a mode name (1-8 of A-Z 0-9 @ # $, not starting with a digit; \"\" for "
+     "the blank mode)"},
     {"mode name reserved", "[[mode]]\nname = \"SNASVCMG\"\n", 2,
      "[[mode]] name \"SNASVCMG\" is reserved for the node's own sessions"},
     {"mode name CPSVCMG", "[[mode]]\nname = \"CPSVCMG\"\n", 2,
      "[[mode]] name \"CPSVCMG\" is reserved for the node's own sessions"},
-    {"duplicate mode", "[[mode]]\nname = \"M\"\n[[mode]]\nname = \"M\"\n", 4, "duplicate mode \"M\" (also at line 2)"},
+    {"duplicate mode", "[[mode]]\nname = \"M\"\n[[mode]]\nname = \"M\"\n", 4,
+     "duplicate mode \"M\" (also at line 2)"},
     {"mode without name", "[[mode]]\nsession_limit = 1\n", 1, "[[mode]] name is required"},
     {"send buffer too small", "[[mode]]\nname = \"M\"\nsend_buffer_size = 255\n", 3,
      "[[mode]] send_buffer_size must be from 256 to 65535, not 255"},
@@ -460,7 +483,8 @@ const BadCase kBad[] = {
     {"session limit a float", "[[mode]]\nname = \"M\"\nsession_limit = 1.5\n", 3,
      "[[mode]] session_limit must be an integer"},
     // [[side_info]]
-    {"side info without name", "[[side_info]]\ntp_name = \"X\"\n", 1, "[[side_info]] sym_dest_name is required"},
+    {"side info without name", "[[side_info]]\ntp_name = \"X\"\n", 1,
+     "[[side_info]] sym_dest_name is required"},
     {"sym_dest_name too long", "[[side_info]]\nsym_dest_name = \"NINECHARS\"\n", 2,
      "[[side_info]] sym_dest_name \"NINECHARS\" is not 1-8 printable ASCII characters without blanks"},
     {"duplicate sym_dest_name",
@@ -468,14 +492,18 @@ const BadCase kBad[] = {
      "duplicate sym_dest_name \"S\" (also at line 2)"},
     {"tp_name_type unknown", "[[side_info]]\nsym_dest_name = \"S\"\ntp_name_type = \"other\"\n", 3,
      "[[side_info]] tp_name_type must be \"application\" or \"service\", not \"other\""},
-    {"service TP name not hex", "[[side_info]]\nsym_dest_name = \"S\"\ntp_name_type = \"service\"\ntp_name = \"06F1XYZ0\"\n", 4,
+    {"service TP name not hex",
+     "[[side_info]]\nsym_dest_name = \"S\"\ntp_name_type = \"service\"\ntp_name = \"06F1XYZ0\"\n", 4,
      "[[side_info]] tp_name \"06F1XYZ0\" is not 8 hex digits (a service TP name)"},
-    {"service TP name short", "[[side_info]]\nsym_dest_name = \"S\"\ntp_name = \"06F1\"\ntp_name_type = \"service\"\n", 3,
+    {"service TP name short",
+     "[[side_info]]\nsym_dest_name = \"S\"\ntp_name = \"06F1\"\ntp_name_type = \"service\"\n", 3,
      "[[side_info]] tp_name \"06F1\" is not 8 hex digits (a service TP name)"},
     {"TP name too long",
      "[[side_info]]\nsym_dest_name = \"S\"\n"
-     "tp_name = \"AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA\"\n", 3,
-     "[[side_info]] tp_name \"AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA\" is not 1-64 printable ASCII characters (no leading or trailing blank)"},
+     "tp_name = \"AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA\"\n",
+     3,
+     "[[side_info]] tp_name \"AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA\" is not "
+     "1-64 printable ASCII characters (no leading or trailing blank)"},
     {"TP name with a trailing blank", "[[side_info]]\nsym_dest_name = \"S\"\ntp_name = \"ECHO \"\n", 3,
      "[[side_info]] tp_name \"ECHO \" is not 1-64 printable ASCII characters (no leading or trailing blank)"},
     {"security unknown", "[[side_info]]\nsym_dest_name = \"S\"\nsecurity = \"strong\"\n", 3,
@@ -487,18 +515,20 @@ const BadCase kBad[] = {
     {"side info local LU unknown", "[[side_info]]\nsym_dest_name = \"S\"\nlocal_lu = \"NOPE\"\n", 3,
      "[[side_info]] local_lu \"NOPE\" is not the alias of a local LU"},
     {"side info local LU is a partner",
-     "[[partner_lu]]\nalias = \"P\"\nname = \"N.P\"\n[[side_info]]\nsym_dest_name = \"S\"\nlocal_lu = \"P\"\n", 6,
-     "[[side_info]] local_lu \"P\" is not the alias of a local LU"},
+     "[[partner_lu]]\nalias = \"P\"\nname = \"N.P\"\n[[side_info]]\nsym_dest_name = \"S\"\nlocal_lu = "
+     "\"P\"\n",
+     6, "[[side_info]] local_lu \"P\" is not the alias of a local LU"},
     {"side info partner alias unknown", "[[side_info]]\nsym_dest_name = \"S\"\npartner_lu = \"NOPE\"\n", 3,
      "[[side_info]] partner_lu \"NOPE\" is not the alias of a defined LU"},
     {"side info partner name malformed", "[[side_info]]\nsym_dest_name = \"S\"\npartner_lu = \"NET.\"\n", 3,
-     "[[side_info]] partner_lu \"NET.\" is not a qualified LU name (NET.LU, each part 1-8 of A-Z 0-9 @ # $, not starting with a digit)"},
+     "[[side_info]] partner_lu \"NET.\" is not a qualified LU name (NET.LU, each part 1-8 of A-Z 0-9 @ # $, "
+     "not starting with a digit)"},
     {"side info mode unknown", "[[side_info]]\nsym_dest_name = \"S\"\nmode = \"NOMODE\"\n", 3,
      "[[side_info]] mode \"NOMODE\" is not a defined mode"},
     {"side info mode malformed", "[[side_info]]\nsym_dest_name = \"S\"\nmode = \"bad mode\"\n", 3,
      "[[side_info]] mode \"bad mode\" is not a mode name"},
-    {"unknown key in [[side_info]]", "[[side_info]]\nsym_dest_name = \"S\"\nconversation_type = \"mapped\"\n", 3,
-     "unknown key \"conversation_type\" in [[side_info]]"},
+    {"unknown key in [[side_info]]", "[[side_info]]\nsym_dest_name = \"S\"\nconversation_type = \"mapped\"\n",
+     3, "unknown key \"conversation_type\" in [[side_info]]"},
     // [[tp]]
     {"TP without program", "[[tp]]\nname = \"ECHO\"\n", 1, "[[tp]] program is required"},
     {"TP without name", "[[tp]]\nprogram = \"/bin/cat\"\n", 1, "[[tp]] name is required"},
@@ -514,7 +544,8 @@ const BadCase kBad[] = {
      "duplicate TP name \"ECHO\" (also at line 2)"},
     {"arguments not an array", "[[tp]]\nname = \"E\"\nprogram = \"/bin/cat\"\narguments = \"-v\"\n", 4,
      "[[tp]] arguments must be an array of strings"},
-    {"arguments holding a number", "[[tp]]\nname = \"E\"\nprogram = \"/bin/cat\"\narguments = [\n  \"-v\",\n  3,\n]\n", 6,
+    {"arguments holding a number",
+     "[[tp]]\nname = \"E\"\nprogram = \"/bin/cat\"\narguments = [\n  \"-v\",\n  3,\n]\n", 6,
      "[[tp]] arguments must hold only strings"},
     {"directory relative", "[[tp]]\nname = \"E\"\nprogram = \"/bin/cat\"\ndirectory = \"srv\"\n", 4,
      "[[tp]] directory must be an absolute path"},
@@ -522,16 +553,20 @@ const BadCase kBad[] = {
      "[[tp]] log_file must be an absolute path"},
     {"environment not a table", "[[tp]]\nname = \"E\"\nprogram = \"/bin/cat\"\nenvironment = [\"A=B\"]\n", 4,
      "[[tp]] environment must be a table of strings"},
-    {"environment value a number", "[[tp]]\nname = \"E\"\nprogram = \"/bin/cat\"\n[tp.environment]\nA = \"x\"\nB = 2\n", 6,
+    {"environment value a number",
+     "[[tp]]\nname = \"E\"\nprogram = \"/bin/cat\"\n[tp.environment]\nA = \"x\"\nB = 2\n", 6,
      "[[tp]] environment.B must be a string"},
-    {"environment sets APPCTPN", "[[tp]]\nname = \"E\"\nprogram = \"/bin/cat\"\nenvironment = { APPCTPN = \"X\" }\n", 4,
+    {"environment sets APPCTPN",
+     "[[tp]]\nname = \"E\"\nprogram = \"/bin/cat\"\nenvironment = { APPCTPN = \"X\" }\n", 4,
      "[[tp]] environment APPCTPN is set by the node for every program"},
     {"environment sets SNANODE_SOCKET",
      "[[tp]]\nname = \"E\"\nprogram = \"/bin/cat\"\n[tp.environment]\nSNANODE_SOCKET = \"/x\"\n", 5,
      "[[tp]] environment SNANODE_SOCKET is set by the node for every program"},
-    {"environment name invalid", "[[tp]]\nname = \"E\"\nprogram = \"/bin/cat\"\nenvironment = { \"A-B\" = \"X\" }\n", 4,
+    {"environment name invalid",
+     "[[tp]]\nname = \"E\"\nprogram = \"/bin/cat\"\nenvironment = { \"A-B\" = \"X\" }\n", 4,
      "[[tp]] environment \"A-B\" is not a variable name (letters, digits, _)"},
-    {"conversation type unknown", "[[tp]]\nname = \"E\"\nprogram = \"/bin/cat\"\nconversation_type = \"both\"\n", 4,
+    {"conversation type unknown",
+     "[[tp]]\nname = \"E\"\nprogram = \"/bin/cat\"\nconversation_type = \"both\"\n", 4,
      "[[tp]] conversation_type must be \"basic\", \"mapped\" or \"either\", not \"both\""},
     {"sync level unknown", "[[tp]]\nname = \"E\"\nprogram = \"/bin/cat\"\nsync_level = \"syncpt\"\n", 4,
      "[[tp]] sync_level must be \"none\", \"confirm\" or \"either\", not \"syncpt\""},
@@ -539,25 +574,33 @@ const BadCase kBad[] = {
      "[[tp]] instance_limit must be from 1 to 65535, not 0"},
     {"TP attach timeout 0", "[[tp]]\nname = \"E\"\nprogram = \"/bin/cat\"\nattach_timeout = 0\n", 4,
      "[[tp]] attach_timeout must be from 1 to 4294967, not 0"},
-    {"security_required a string", "[[tp]]\nname = \"E\"\nprogram = \"/bin/cat\"\nsecurity_required = \"yes\"\n", 4,
+    {"security_required a string",
+     "[[tp]]\nname = \"E\"\nprogram = \"/bin/cat\"\nsecurity_required = \"yes\"\n", 4,
      "[[tp]] security_required must be true or false"},
-    {"only_when_unregistered a number", "[[tp]]\nname = \"E\"\nprogram = \"/bin/cat\"\nonly_when_unregistered = 0\n",
-     4, "[[tp]] only_when_unregistered must be true or false"},
+    {"only_when_unregistered a number",
+     "[[tp]]\nname = \"E\"\nprogram = \"/bin/cat\"\nonly_when_unregistered = 0\n", 4,
+     "[[tp]] only_when_unregistered must be true or false"},
     {"unknown key in [[tp]]", "[[tp]]\nname = \"E\"\nprogram = \"/bin/cat\"\nargs = []\n", 4,
      "unknown key \"args\" in [[tp]]"},
     // [[security_user]]
-    {"plain password instead of a hash", "[[security_user]]\nuser_id = \"U\"\npassword_hash = \"secret\"\n", 3,
-     "[[security_user]] password_hash is not a crypt(3) hash this system supports (make one with snanoded --hash-password)"},
+    {"plain password instead of a hash", "[[security_user]]\nuser_id = \"U\"\npassword_hash = \"secret\"\n",
+     3,
+     "[[security_user]] password_hash is not a crypt(3) hash this system supports (make one with snanoded "
+     "--hash-password)"},
     {"hash of an unknown method", "[[security_user]]\nuser_id = \"U\"\npassword_hash = \"$99$abc$def\"\n", 3,
-     "[[security_user]] password_hash is not a crypt(3) hash this system supports (make one with snanoded --hash-password)"},
+     "[[security_user]] password_hash is not a crypt(3) hash this system supports (make one with snanoded "
+     "--hash-password)"},
     {"security user without hash", "[[security_user]]\nuser_id = \"U\"\n", 1,
      "[[security_user]] password_hash is required"},
     {"security user ID with a blank",
-     "[[security_user]]\nuser_id = \"A B\"\npassword_hash = \"$6$abc$7OcfKPIpYEP9nRjnIUtSqx2WnA8rBhp9hbWeY.1ZFaXfy8sVDS7RmpCK/g6GFHAG3fK4xzdkS.FOlmOu1vyVv/\"\n",
+     "[[security_user]]\nuser_id = \"A B\"\npassword_hash = "
+     "\"$6$abc$7OcfKPIpYEP9nRjnIUtSqx2WnA8rBhp9hbWeY.1ZFaXfy8sVDS7RmpCK/g6GFHAG3fK4xzdkS.FOlmOu1vyVv/\"\n",
      2, "[[security_user]] user_id \"A B\" is not 1-10 printable ASCII characters without blanks"},
     {"duplicate user ID",
-     "[[security_user]]\nuser_id = \"U\"\npassword_hash = \"$6$abc$7OcfKPIpYEP9nRjnIUtSqx2WnA8rBhp9hbWeY.1ZFaXfy8sVDS7RmpCK/g6GFHAG3fK4xzdkS.FOlmOu1vyVv/\"\n"
-     "[[security_user]]\nuser_id = \"U\"\npassword_hash = \"$6$abc$7OcfKPIpYEP9nRjnIUtSqx2WnA8rBhp9hbWeY.1ZFaXfy8sVDS7RmpCK/g6GFHAG3fK4xzdkS.FOlmOu1vyVv/\"\n",
+     "[[security_user]]\nuser_id = \"U\"\npassword_hash = "
+     "\"$6$abc$7OcfKPIpYEP9nRjnIUtSqx2WnA8rBhp9hbWeY.1ZFaXfy8sVDS7RmpCK/g6GFHAG3fK4xzdkS.FOlmOu1vyVv/\"\n"
+     "[[security_user]]\nuser_id = \"U\"\npassword_hash = "
+     "\"$6$abc$7OcfKPIpYEP9nRjnIUtSqx2WnA8rBhp9hbWeY.1ZFaXfy8sVDS7RmpCK/g6GFHAG3fK4xzdkS.FOlmOu1vyVv/\"\n",
      5, "duplicate user ID \"U\" (also at line 2)"},
     // Several problems: the earliest line is reported, whatever the section.
     {"earliest problem first",

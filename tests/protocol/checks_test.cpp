@@ -35,16 +35,62 @@ Verb conv(const Harness& h, Opcode op) {
 }
 
 const CheckCase kChecks[] = {
-    {"ALLOCATE format 0", [](const Harness& h) { Verb v = allocate(h); v.format = 0; return v; }, 1, 0x101},
-    {"ALLOCATE sync level 2", [](const Harness& h) { Verb v = allocate(h); v.sync_level = 2; return v; }, 1, 0x102},
-    {"ALLOCATE security 3", [](const Harness& h) { Verb v = allocate(h); v.security = 3; return v; }, 1, 0x102},
-    {"ALLOCATE security 4", [](const Harness& h) { Verb v = allocate(h); v.security = 4; return v; }, 1, 0x102},
-    {"ALLOCATE PIP length", [](const Harness& h) { Verb v = allocate(h); v.pip_length = 1; return v; }, 1, 0x102},
-    {"ALLOCATE return control 2", [](const Harness& h) { Verb v = allocate(h); v.return_control = 2; return v; }, 1,
-     0x102},
-    {"ALLOCATE unknown TP", [](const Harness& h) { Verb v = allocate(h); v.tp_id[7] ^= 0x5A; return v; }, 1, 0xF1},
+    {"ALLOCATE format 0",
+     [](const Harness& h) {
+       Verb v = allocate(h);
+       v.format = 0;
+       return v;
+     },
+     1, 0x101},
+    {"ALLOCATE sync level 2",
+     [](const Harness& h) {
+       Verb v = allocate(h);
+       v.sync_level = 2;
+       return v;
+     },
+     1, 0x102},
+    {"ALLOCATE security 3",
+     [](const Harness& h) {
+       Verb v = allocate(h);
+       v.security = 3;
+       return v;
+     },
+     1, 0x102},
+    {"ALLOCATE security 4",
+     [](const Harness& h) {
+       Verb v = allocate(h);
+       v.security = 4;
+       return v;
+     },
+     1, 0x102},
+    {"ALLOCATE PIP length",
+     [](const Harness& h) {
+       Verb v = allocate(h);
+       v.pip_length = 1;
+       return v;
+     },
+     1, 0x102},
+    {"ALLOCATE return control 2",
+     [](const Harness& h) {
+       Verb v = allocate(h);
+       v.return_control = 2;
+       return v;
+     },
+     1, 0x102},
+    {"ALLOCATE unknown TP",
+     [](const Harness& h) {
+       Verb v = allocate(h);
+       v.tp_id[7] ^= 0x5A;
+       return v;
+     },
+     1, 0xF1},
     {"ALLOCATE unknown partner alias",
-     [](const Harness& h) { Verb v = allocate(h); set_alias(v.partner_lu_alias, "NOSUCH"); return v; }, 1, 0x17},
+     [](const Harness& h) {
+       Verb v = allocate(h);
+       set_alias(v.partner_lu_alias, "NOSUCH");
+       return v;
+     },
+     1, 0x17},
     {"ALLOCATE malformed qualified name",
      [](const Harness& h) {
        Verb v = allocate(h);
@@ -63,63 +109,212 @@ const CheckCase kChecks[] = {
        return v;
      },
      3, 0x04},
-    {"ALLOCATE mode not defined", [](const Harness& h) { Verb v = allocate(h); set_ebcdic(v.mode_name, "NOMODE"); return v; },
+    {"ALLOCATE mode not defined",
+     [](const Harness& h) {
+       Verb v = allocate(h);
+       set_ebcdic(v.mode_name, "NOMODE");
+       return v;
+     },
      1, 0x18},
-    {"ALLOCATE mode SNASVCMG", [](const Harness& h) { Verb v = allocate(h); set_ebcdic(v.mode_name, "SNASVCMG"); return v; },
+    {"ALLOCATE mode SNASVCMG",
+     [](const Harness& h) {
+       Verb v = allocate(h);
+       set_ebcdic(v.mode_name, "SNASVCMG");
+       return v;
+     },
      1, 0x18},
-    {"ALLOCATE mode CPSVCMG", [](const Harness& h) { Verb v = allocate(h); set_ebcdic(v.mode_name, "CPSVCMG"); return v; },
+    {"ALLOCATE mode CPSVCMG",
+     [](const Harness& h) {
+       Verb v = allocate(h);
+       set_ebcdic(v.mode_name, "CPSVCMG");
+       return v;
+     },
      1, 0x18},
     {"SEND_DATA longer than 32767",
-     [](const Harness& h) { Verb v = conv(h, Opcode::kSendData); v.data_length = 32768; return v; }, 1, 0x102},
-    {"SEND_DATA type 8", [](const Harness& h) { Verb v = conv(h, Opcode::kSendData); v.send_type = 8; return v; }, 1,
-     0x102},
+     [](const Harness& h) {
+       Verb v = conv(h, Opcode::kSendData);
+       v.data_length = 32768;
+       return v;
+     },
+     1, 0x102},
+    {"SEND_DATA type 8",
+     [](const Harness& h) {
+       Verb v = conv(h, Opcode::kSendData);
+       v.send_type = 8;
+       return v;
+     },
+     1, 0x102},
     {"SEND_DATA basic opext on mapped",
-     [](const Harness& h) { Verb v = conv(h, Opcode::kSendData); v.opext = 0; return v; }, 1, 0x103},
+     [](const Harness& h) {
+       Verb v = conv(h, Opcode::kSendData);
+       v.opext = 0;
+       return v;
+     },
+     1, 0x103},
     {"RECEIVE_AND_WAIT maximum 32768",
-     [](const Harness& h) { Verb v = conv(h, Opcode::kReceiveAndWait); v.max_length = 32768; return v; }, 1, 0x102},
-    {"RECEIVE_AND_WAIT fill 2", [](const Harness& h) { Verb v = conv(h, Opcode::kReceiveAndWait); v.fill = 2; return v; },
+     [](const Harness& h) {
+       Verb v = conv(h, Opcode::kReceiveAndWait);
+       v.max_length = 32768;
+       return v;
+     },
+     1, 0x102},
+    {"RECEIVE_AND_WAIT fill 2",
+     [](const Harness& h) {
+       Verb v = conv(h, Opcode::kReceiveAndWait);
+       v.fill = 2;
+       return v;
+     },
      1, 0x102},
     {"RECEIVE_IMMEDIATELY status-with-data 2",
-     [](const Harness& h) { Verb v = conv(h, Opcode::kReceiveImmediately); v.return_status_with_data = 2; return v; }, 1,
-     0x102},
-    {"RECEIVE_IMMEDIATELY opext", [](const Harness& h) { Verb v = conv(h, Opcode::kReceiveImmediately); v.opext = 0; return v; },
+     [](const Harness& h) {
+       Verb v = conv(h, Opcode::kReceiveImmediately);
+       v.return_status_with_data = 2;
+       return v;
+     },
+     1, 0x102},
+    {"RECEIVE_IMMEDIATELY opext",
+     [](const Harness& h) {
+       Verb v = conv(h, Opcode::kReceiveImmediately);
+       v.opext = 0;
+       return v;
+     },
      1, 0x103},
-    {"DEALLOCATE type 6", [](const Harness& h) { Verb v = conv(h, Opcode::kDeallocate); v.type = 6; return v; }, 1, 0x102},
+    {"DEALLOCATE type 6",
+     [](const Harness& h) {
+       Verb v = conv(h, Opcode::kDeallocate);
+       v.type = 6;
+       return v;
+     },
+     1, 0x102},
     {"DEALLOCATE log longer than 32767",
-     [](const Harness& h) { Verb v = conv(h, Opcode::kDeallocate); v.type = 2; v.data_length = 40000; return v; }, 1,
-     0x102},
-    {"DEALLOCATE opext", [](const Harness& h) { Verb v = conv(h, Opcode::kDeallocate); v.type = 1; v.opext = 0; return v; },
+     [](const Harness& h) {
+       Verb v = conv(h, Opcode::kDeallocate);
+       v.type = 2;
+       v.data_length = 40000;
+       return v;
+     },
+     1, 0x102},
+    {"DEALLOCATE opext",
+     [](const Harness& h) {
+       Verb v = conv(h, Opcode::kDeallocate);
+       v.type = 1;
+       v.opext = 0;
+       return v;
+     },
      1, 0x103},
     {"PREPARE_TO_RECEIVE type 2",
-     [](const Harness& h) { Verb v = conv(h, Opcode::kPrepareToReceive); v.type = 2; return v; }, 1, 0x102},
-    {"SEND_ERROR error type 2", [](const Harness& h) { Verb v = conv(h, Opcode::kSendError); v.error_type = 2; return v; },
+     [](const Harness& h) {
+       Verb v = conv(h, Opcode::kPrepareToReceive);
+       v.type = 2;
+       return v;
+     },
      1, 0x102},
-    {"SEND_ERROR direction 2", [](const Harness& h) { Verb v = conv(h, Opcode::kSendError); v.direction = 2; return v; }, 1,
-     0x102},
-    {"SEND_ERROR opext", [](const Harness& h) { Verb v = conv(h, Opcode::kSendError); v.opext = 0; return v; }, 1, 0x103},
+    {"SEND_ERROR error type 2",
+     [](const Harness& h) {
+       Verb v = conv(h, Opcode::kSendError);
+       v.error_type = 2;
+       return v;
+     },
+     1, 0x102},
+    {"SEND_ERROR direction 2",
+     [](const Harness& h) {
+       Verb v = conv(h, Opcode::kSendError);
+       v.direction = 2;
+       return v;
+     },
+     1, 0x102},
+    {"SEND_ERROR opext",
+     [](const Harness& h) {
+       Verb v = conv(h, Opcode::kSendError);
+       v.opext = 0;
+       return v;
+     },
+     1, 0x103},
     {"conversation verb with an unknown TP",
-     [](const Harness& h) { Verb v = conv(h, Opcode::kFlush); v.tp_id[0] ^= 0xFF; return v; }, 1, 0xF1},
+     [](const Harness& h) {
+       Verb v = conv(h, Opcode::kFlush);
+       v.tp_id[0] ^= 0xFF;
+       return v;
+     },
+     1, 0xF1},
     {"conversation verb with the partner's TP",
-     [](const Harness& h) { Verb v = conv(h, Opcode::kFlush); v.tp_id = h.tp_b; return v; }, 1, 0xF1},
+     [](const Harness& h) {
+       Verb v = conv(h, Opcode::kFlush);
+       v.tp_id = h.tp_b;
+       return v;
+     },
+     1, 0xF1},
     {"conversation verb with the partner's end",
-     [](const Harness& h) { Verb v = conv(h, Opcode::kFlush); v.conv_id = h.conv_b; return v; }, 1, 0x31},
-    {"unknown opcode", [](const Harness& h) { Verb v = conv(h, Opcode::kFlush); v.opcode = static_cast<Opcode>(0x0099); return v; },
+     [](const Harness& h) {
+       Verb v = conv(h, Opcode::kFlush);
+       v.conv_id = h.conv_b;
+       return v;
+     },
+     1, 0x31},
+    {"unknown opcode",
+     [](const Harness& h) {
+       Verb v = conv(h, Opcode::kFlush);
+       v.opcode = static_cast<Opcode>(0x0099);
+       return v;
+     },
      1, 0x101},
     {"TP_ENDED type 2",
-     [](const Harness& h) { Verb v; v.opcode = Opcode::kTpEnded; v.tp_id = h.tp_a; v.type = 2; return v; }, 1, 0x102},
-    {"TP_ENDED unknown TP", [](const Harness&) { Verb v; v.opcode = Opcode::kTpEnded; v.tp_id[7] = 0x77; return v; }, 1,
-     0xF1},
+     [](const Harness& h) {
+       Verb v;
+       v.opcode = Opcode::kTpEnded;
+       v.tp_id = h.tp_a;
+       v.type = 2;
+       return v;
+     },
+     1, 0x102},
+    {"TP_ENDED unknown TP",
+     [](const Harness&) {
+       Verb v;
+       v.opcode = Opcode::kTpEnded;
+       v.tp_id[7] = 0x77;
+       return v;
+     },
+     1, 0xF1},
     {"TP_STARTED unknown alias",
-     [](const Harness&) { Verb v; v.opcode = Opcode::kTpStarted; set_alias(v.local_lu_alias, "NOSUCH"); return v; }, 1,
-     0x104},
+     [](const Harness&) {
+       Verb v;
+       v.opcode = Opcode::kTpStarted;
+       set_alias(v.local_lu_alias, "NOSUCH");
+       return v;
+     },
+     1, 0x104},
     {"RECEIVE_ALLOCATE_CPIC format 0",
-     [](const Harness&) { Verb v; v.opcode = Opcode::kReceiveAllocate; v.format = 0; return v; }, 1, 0x101},
+     [](const Harness&) {
+       Verb v;
+       v.opcode = Opcode::kReceiveAllocate;
+       v.format = 0;
+       return v;
+     },
+     1, 0x101},
     {"RECEIVE_ALLOCATE_CPIC without a registered name",
-     [](const Harness&) { Verb v; v.opcode = Opcode::kReceiveAllocate; v.format = 1; return v; }, 2, 0x24},
+     [](const Harness&) {
+       Verb v;
+       v.opcode = Opcode::kReceiveAllocate;
+       v.format = 1;
+       return v;
+     },
+     2, 0x24},
     {"register an all-blank name",
-     [](const Harness&) { Verb v; v.opcode = Opcode::kRegisterTpName; v.tp_name = tpn(""); return v; }, 1, 0x105},
+     [](const Harness&) {
+       Verb v;
+       v.opcode = Opcode::kRegisterTpName;
+       v.tp_name = tpn("");
+       return v;
+     },
+     1, 0x105},
     {"withdraw a name not registered",
-     [](const Harness&) { Verb v; v.opcode = Opcode::kWithdrawTpName; v.tp_name = tpn("SRV"); return v; }, 1, 0x105},
+     [](const Harness&) {
+       Verb v;
+       v.opcode = Opcode::kWithdrawTpName;
+       v.tp_name = tpn("SRV");
+       return v;
+     },
+     1, 0x105},
 };
 
 class ProtoChecks : public ::testing::TestWithParam<CheckCase> {};

@@ -242,8 +242,12 @@ TEST_P(ProtoPacingPartnerEnds, HeldSendDataGetsThePartnersCode) {
       ASSERT_EQ(h.run(Harness::kB, e).primary, 0);
       break;
     }
-    case 1: h.absorb(h.node.client_closed(Harness::kB)); break;
-    case 2: ASSERT_EQ(h.deallocate(B, 2, c.opext).primary, 0); break;
+    case 1:
+      h.absorb(h.node.client_closed(Harness::kB));
+      break;
+    case 2:
+      ASSERT_EQ(h.deallocate(B, 2, c.opext).primary, 0);
+      break;
     case 3: {
       Verb x;
       x.opcode = Opcode::kCancelConversation;
@@ -252,7 +256,9 @@ TEST_P(ProtoPacingPartnerEnds, HeldSendDataGetsThePartnersCode) {
       ASSERT_EQ(h.run(Harness::kB, x).primary, 0);
       break;
     }
-    case 4: ASSERT_EQ(h.simple(B, Opcode::kSendError, c.opext).primary, 0); break;
+    case 4:
+      ASSERT_EQ(h.simple(B, Opcode::kSendError, c.opext).primary, 0);
+      break;
   }
   ASSERT_TRUE(h.finished(t));
   EXPECT_EQ(h.result(t).primary, c.primary);

@@ -152,7 +152,8 @@ const ReportCase kReportCases[] = {
     {"error: PREPARE_TO_RECEIVE confirm", false, Opcode::kPrepareToReceive, 0, rc::kProgErrorPurging, 2, 0},
     {"error: DEALLOCATE confirm", false, Opcode::kDeallocate, 0, rc::kProgErrorPurging, 2, 0},
     {"error: FLUSH acts", false, Opcode::kFlush, 0, 0, 1, 0},
-    {"error: PREPARE_TO_RECEIVE flush acts", false, Opcode::kPrepareToReceive, 1, 0, 2, rc::kProgErrorPurging},
+    {"error: PREPARE_TO_RECEIVE flush acts", false, Opcode::kPrepareToReceive, 1, 0, 2,
+     rc::kProgErrorPurging},
     {"error: DEALLOCATE flush acts", false, Opcode::kDeallocate, 1, 0, kGone, 0},
     {"error: DEALLOCATE abend unaffected", false, Opcode::kDeallocate, 2, 0, kGone, 0},
     {"error: REQUEST_TO_SEND unaffected", false, Opcode::kRequestToSend, 0, 0, 1, 0},
@@ -241,7 +242,8 @@ const FailureCase kFailureCases[] = {
     {"DEALLOCATE flush acts", A, Opcode::kDeallocate, 1, 0, kGone},
     {"DEALLOCATE abend acts", A, Opcode::kDeallocate, 2, 0, kGone},
     {"RECEIVE_AND_WAIT with data queued", B, Opcode::kReceiveAndWait, 0, rc::kConvFailureNoRetry, kGone},
-    {"RECEIVE_IMMEDIATELY with data queued", B, Opcode::kReceiveImmediately, 0, rc::kConvFailureNoRetry, kGone},
+    {"RECEIVE_IMMEDIATELY with data queued", B, Opcode::kReceiveImmediately, 0, rc::kConvFailureNoRetry,
+     kGone},
 };
 
 class ProtoFailure : public ::testing::TestWithParam<FailureCase> {};
@@ -447,11 +449,30 @@ struct LlCase {
 inline void PrintTo(const LlCase& c, std::ostream* os) { *os << c.name; }
 
 const LlCase kBadLl[] = {
-    {"0x0000", {0x00, 0x03, 0x41}, {0x00, 0x00}, {0x00, 0x03, 0x42}, {{0x00, 0x03, 0x41}, {0x00, 0x03, 0x42}}},
-    {"0x0001", {0x00, 0x03, 0x41}, {0x00, 0x01, 0x41}, {0x00, 0x03, 0x42}, {{0x00, 0x03, 0x41}, {0x00, 0x03, 0x42}}},
-    {"0x8000", {0x00, 0x03, 0x41}, {0x80, 0x00}, {0x00, 0x03, 0x42}, {{0x00, 0x03, 0x41}, {0x00, 0x03, 0x42}}},
-    {"0x8001", {0x00, 0x03, 0x41}, {0x80, 0x01, 0x41}, {0x00, 0x03, 0x42}, {{0x00, 0x03, 0x41}, {0x00, 0x03, 0x42}}},
-    {"bad length behind the end of the current record", {0x00, 0x04, 0x61}, {0x62, 0x00, 0x01}, {0x62},
+    {"0x0000",
+     {0x00, 0x03, 0x41},
+     {0x00, 0x00},
+     {0x00, 0x03, 0x42},
+     {{0x00, 0x03, 0x41}, {0x00, 0x03, 0x42}}},
+    {"0x0001",
+     {0x00, 0x03, 0x41},
+     {0x00, 0x01, 0x41},
+     {0x00, 0x03, 0x42},
+     {{0x00, 0x03, 0x41}, {0x00, 0x03, 0x42}}},
+    {"0x8000",
+     {0x00, 0x03, 0x41},
+     {0x80, 0x00},
+     {0x00, 0x03, 0x42},
+     {{0x00, 0x03, 0x41}, {0x00, 0x03, 0x42}}},
+    {"0x8001",
+     {0x00, 0x03, 0x41},
+     {0x80, 0x01, 0x41},
+     {0x00, 0x03, 0x42},
+     {{0x00, 0x03, 0x41}, {0x00, 0x03, 0x42}}},
+    {"bad length behind the end of the current record",
+     {0x00, 0x04, 0x61},
+     {0x62, 0x00, 0x01},
+     {0x62},
      {{0x00, 0x04, 0x61, 0x62}}},
 };
 

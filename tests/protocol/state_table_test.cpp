@@ -75,7 +75,8 @@ const VerbRow kVerbRows[] = {
     {"REQUEST_TO_SEND", Opcode::kRequestToSend, 0, {At::kS, At::kSP, At::kR, At::kC, At::kCS, At::kCD},
      Outcome::kOk, kSame},
     {"TEST_RTS", Opcode::kTestRts, 0, {At::kS, At::kSP, At::kR}, Outcome::kUnsuccessful, kSame},
-    {"SEND_ERROR", Opcode::kSendError, 0, {At::kS, At::kSP, At::kR, At::kC, At::kCS, At::kCD}, Outcome::kOk, 1},
+    {"SEND_ERROR", Opcode::kSendError, 0, {At::kS, At::kSP, At::kR, At::kC, At::kCS, At::kCD}, Outcome::kOk,
+     1},
     {"DEALLOCATE confirm", Opcode::kDeallocate, 0, {At::kS, At::kSP}, Outcome::kWaits, 6},
     {"DEALLOCATE flush", Opcode::kDeallocate, 1, {At::kS, At::kSP}, Outcome::kOk, kGone},
     {"DEALLOCATE abend program", Opcode::kDeallocate, 2, {At::kS, At::kSP, At::kR, At::kC, At::kCS, At::kCD},
@@ -130,7 +131,8 @@ std::vector<StateCase> state_cases() {
   for (const VerbRow& row : kVerbRows)
     for (At at : {At::kS, At::kSP, At::kR, At::kC, At::kCS, At::kCD}) {
       const bool legal = std::find(row.legal.begin(), row.legal.end(), at) != row.legal.end();
-      out.push_back({std::string(row.name) + " in " + at_name(at), row.op, row.type, at, legal, row.outcome, row.after});
+      out.push_back(
+          {std::string(row.name) + " in " + at_name(at), row.op, row.type, at, legal, row.outcome, row.after});
     }
   return out;
 }
