@@ -102,11 +102,13 @@ void SCC_completion_end(CCCB *c, uint32_t fAsync) {
   uint32_t return_code = c->ulReturnCode;
   void *results[5] = {c->pResult1, c->pResult2, c->pResult3, c->pResult4, c->pResult5};
 
-  counter_sub(g->NumVerbsInProgress);
+  // Counted as waiting before it stops counting as in progress: a Wait
+  // that saw neither would answer 25 with the completion on its way.
   if (flag_get(c->fVerbWaiting) == 0) {
     flag_set(c->fVerbWaiting, 1);
     counter_add(g->NumVerbsWaiting);
   }
+  counter_sub(g->NumVerbsInProgress);
   if (api_trace_on()) {
     seputrcp(3, trace_index, c, &return_code, results[0], results[1], results[2], results[3],
              results[4]);

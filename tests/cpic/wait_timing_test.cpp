@@ -149,6 +149,13 @@ TEST_F(WaitTiming, EveryCompletionCollectedOnceWithItsOwnResult) {
         testnode::complete_async(1);
       }
     });
+    // A failed assertion returns early: the node's thread is joined even so.
+    struct Joiner {
+      std::thread &t;
+      ~Joiner() {
+        if (t.joinable()) t.join();
+      }
+    } joiner{node};
 
     std::set<std::string> seen;
     for (size_t n = 0; n < issued; ++n) {
