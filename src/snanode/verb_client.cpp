@@ -68,6 +68,7 @@ pthread_mutex_t write_mutex = PTHREAD_MUTEX_INITIALIZER;
 LinkState state = LinkState::kDisconnected;
 int link_fd = -1;
 uint32_t generation = 0;    /* counts connections */
+int write_error = 0;        /* why a write broke the current connection */
 pid_t owner_pid = 0;        /* the process the connection and thread belong to */
 uint64_t next_tag = 1;
 Pending *first = nullptr;
@@ -203,6 +204,10 @@ void send_frame(uint32_t gen, const uint8_t *head, size_t head_length, const voi
       ssize_t sent = sendmsg(fd, &message, MSG_NOSIGNAL);
       if (sent < 0) {
         if (errno == EINTR) continue;
+        int error = errno;
+        pthread_mutex_lock(&client_mutex);
+        if (generation == gen && write_error == 0) write_error = error;
+        pthread_mutex_unlock(&client_mutex);
         shutdown(fd, SHUT_RDWR);
         break;
       }
@@ -248,6 +253,8 @@ void connection_lost(uint32_t gen, int error) {
     return;
   }
   state = LinkState::kLost;
+  /* The reader sees only the end of a connection a writer broke. */
+  if (error == 0) error = write_error;
   Pending *p = first;
   first = last = nullptr;
   pthread_mutex_unlock(&client_mutex);
@@ -502,6 +509,7 @@ Admission admit(Pending *p, uint32_t *gen, uint64_t *tag, int *error) {
       if (need_thread) thread_running = true;
       link_fd = fd;
       owner_pid = getpid();
+      write_error = 0;
       ++generation;
       state = LinkState::kConnected;
     } else {

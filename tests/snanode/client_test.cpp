@@ -992,6 +992,20 @@ TEST_F(Client, CallersBlockedAtLossHoldTheLockBeforeThePathEvent) {
   path_events.log = nullptr;
 }
 
+TEST_F(Client, FailedWriteIsALossWithItsErrno) {
+  Block first(VERB_FLUSH, 1);
+  ASSERT_EQ(appc_c_async_version(2, first.data(), record_call, 1), APPC_VERB_IN_PROGRESS);
+  Request request = next();
+  daemon_->reply_verb(request, ok());
+  ASSERT_TRUE(calls.wait_for(1));
+  daemon_->stop_reading(request.connection);
+  Block second(VERB_FLUSH, 2);
+  appc_c_version(2, second.data());
+  EXPECT_EQ(primary_of(second.data()), 0xF003);
+  EXPECT_EQ(secondary_of(second.data()), static_cast<uint32_t>(EPIPE));
+  EXPECT_TRUE(snanode::client_wait_state(snanode::LinkState::kDisconnected, 5000));
+}
+
 TEST_F(Client, NoNodeReachableGivesTheConnectErrno) {
   // A socket file nobody listens on.
   std::string stale = directory_ + "/stale";

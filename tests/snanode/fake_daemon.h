@@ -17,6 +17,7 @@
 #include <deque>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -186,6 +187,16 @@ class FakeDaemon {
     if (fd >= 0) write_all(fd, bytes.data(), bytes.size());
   }
 
+  // Stops reading from a client, leaving the connection open: the
+  // client's next write fails.
+  void stop_reading(int connection) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto found = connections_.find(connection);
+    if (found == connections_.end()) return;
+    deaf_.insert(connection);
+    shutdown(found->second, SHUT_RD);
+  }
+
   // Ends every client connection, as a daemon that stops.
   void drop_connections() {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -200,6 +211,7 @@ class FakeDaemon {
       {
         std::lock_guard<std::mutex> lock(mutex_);
         for (auto &entry : connections_) {
+          if (deaf_.count(entry.first)) continue;
           polled.push_back({entry.second, POLLIN, 0});
           ids.push_back(entry.first);
         }
@@ -218,6 +230,10 @@ class FakeDaemon {
       }
       for (size_t i = 2; i < polled.size(); ++i) {
         if (!polled[i].revents) continue;
+        {
+          std::lock_guard<std::mutex> lock(mutex_);
+          if (deaf_.count(ids[i - 2])) continue;  // made deaf while polled
+        }
         if (!read_frame(ids[i - 2], polled[i].fd)) {
           // No writer may hold the descriptor while it is closed.
           std::lock_guard<std::mutex> writing(write_mutex_);
@@ -271,6 +287,7 @@ class FakeDaemon {
   std::mutex write_mutex_;
   std::condition_variable changed_;
   std::map<int, int> connections_;
+  std::set<int> deaf_;
   int next_connection_ = 1;
   std::deque<Request> requests_;
   std::vector<HelloSeen> hellos_;
