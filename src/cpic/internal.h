@@ -45,9 +45,13 @@ constexpr uint32_t MEM_TYPE_VERB = 0x202;
 constexpr const char *SRC_CPICUTIL = "../../p/vcpic/cpicutil";
 constexpr const char *SRC_CPICTERM = "../../p/vcpic/cpicterm";
 
-// Trace-control bits.
-inline bool api_trace_on() { return ptrc != nullptr && (ptrc[0] & 0x20) != 0; }
-inline bool audits_suppressed() { return ptrc != nullptr && (ptrc[8] & 0x02) != 0; }
+// Trace-control bits. The runtime may flip them from its own thread while
+// a call runs (an operator switching tracing), so they are read atomically.
+inline bool trace_control_bit(unsigned index, unsigned char bit) {
+  return ptrc != nullptr && (__atomic_load_n(&ptrc[index], __ATOMIC_ACQUIRE) & bit) != 0;
+}
+inline bool api_trace_on() { return trace_control_bit(0, 0x20); }
+inline bool audits_suppressed() { return trace_control_bit(8, 0x02); }
 
 // Reads a 16-bit or 32-bit big-endian return code as the node stored it.
 inline uint16_t be16(uint16_t stored) {

@@ -698,6 +698,19 @@ bool read_file(const std::string& path, std::string& out) {
 
 }  // namespace
 
+void add_ping_partner(DaemonConfig& c, const std::string& program) {
+  static const char kName[] = "CPICPINGD";
+  for (const TpProgram& p : c.programs)
+    if (p.tp_name == kName) return;
+  proto::TpDefinition d;
+  d.tp_name = kName;
+  c.node.tp_definitions.push_back(d);
+  TpProgram p;
+  p.tp_name = kName;
+  p.program = program;
+  c.programs.push_back(p);
+}
+
 DaemonConfig builtin_defaults() {
   DaemonConfig c;
   c.source = "built-in defaults";

@@ -60,6 +60,10 @@ struct ConfigError {
 };
 
 DaemonConfig builtin_defaults();
+// Defines CPICPINGD, the partner of cpicping, as an invokable TP running
+// `program`, so that a node with nothing configured answers a ping of its
+// own LU. Does nothing if the configuration already defines that name.
+void add_ping_partner(DaemonConfig& config, const std::string& program);
 // The file's configuration, or nullopt with `error` set to the first problem.
 std::optional<DaemonConfig> load_config(const std::string& path, ConfigError& error);
 

@@ -609,11 +609,13 @@ void Record::response(uint32_t verb, const void *const *a) {
 void seputrcp(uint32_t kind, uint32_t verb, const cpic::CCCB *cccb,
               const void *a4, const void *a5, const void *a6, const void *a7,
               const void *a8, const void *a9) {
-  if (trc_api.initialised == 0) {
+  // Completions trace from the runtime's thread too, so the first record
+  // may be written from either thread.
+  if (__atomic_load_n(&trc_api.initialised, __ATOMIC_ACQUIRE) == 0) {
     sepuapi_init(ptrc);
-    trc_api.initialised = 1;
+    __atomic_store_n(&trc_api.initialised, 1, __ATOMIC_RELEASE);
   }
-  if (ptrc == nullptr || (ptrc[0] & 0x20) == 0) return;
+  if (ptrc == nullptr || (__atomic_load_n(&ptrc[0], __ATOMIC_ACQUIRE) & 0x20) == 0) return;
 
   trc_lock_file(&trc_api);
   // Without a trace file the record ends here, with the lock left taken:

@@ -696,5 +696,23 @@ TEST(ConfigDefaults, EmptyFileEqualsTheBuiltInDefinitions) {
   EXPECT_EQ(a.node_name, b.node_name);
 }
 
+TEST(ConfigDefaults, PingPartnerAddedOnceAndNeverOverAnOwnDefinition) {
+  DaemonConfig c = builtin_defaults();
+  add_ping_partner(c, "/opt/node/bin/cpicpingd");
+  add_ping_partner(c, "/elsewhere/cpicpingd");
+  ASSERT_EQ(c.node.tp_definitions.size(), 1u);
+  ASSERT_EQ(c.programs.size(), 1u);
+  EXPECT_EQ(c.node.tp_definitions[0].tp_name, "CPICPINGD");
+  EXPECT_EQ(c.programs[0].tp_name, "CPICPINGD");
+  EXPECT_EQ(c.programs[0].program, "/opt/node/bin/cpicpingd");
+  EXPECT_EQ(c.node.tp_definitions[0].conversation_type, proto::TypeAllowed::kEither);
+  EXPECT_EQ(c.node.tp_definitions[0].sync_level, proto::SyncAllowed::kEither);
+
+  DaemonConfig own = load_ok("[[tp]]\nname = \"CPICPINGD\"\nprogram = \"/usr/bin/true\"\n");
+  add_ping_partner(own, "/opt/node/bin/cpicpingd");
+  ASSERT_EQ(own.programs.size(), 1u);
+  EXPECT_EQ(own.programs[0].program, "/usr/bin/true");
+}
+
 }  // namespace
 }  // namespace sna::config
