@@ -12,6 +12,8 @@
 #include <cstring>
 #include <vector>
 
+#include "snanoded/paths.h"
+
 namespace sna::daemon {
 namespace {
 
@@ -166,26 +168,13 @@ bool prepare_socket_directory(const std::string& socket_path, std::string& error
   if (slash == std::string::npos || slash == 0) return true;
   const std::string dir = socket_path.substr(0, slash);
   struct stat st {};
-  if (lstat(dir.c_str(), &st) != 0) {
-    // Create it and any missing parents, each private.
-    for (size_t p = 1; p <= dir.size(); ++p) {
-      if (p != dir.size() && dir[p] != '/') continue;
-      const std::string part = dir.substr(0, p);
-      if (mkdir(part.c_str(), 0700) != 0 && errno != EEXIST) {
-        error = errno_text("cannot create " + part, errno);
-        return false;
-      }
-    }
-    if (lstat(dir.c_str(), &st) != 0) {
-      error = errno_text("cannot use " + dir, errno);
-      return false;
-    }
-  }
-  if (!S_ISDIR(st.st_mode)) {
+  if (stat(dir.c_str(), &st) != 0 && !make_private_directory(dir, error)) return false;
+  if (stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
     error = dir + " is not a directory";
     return false;
   }
-  // A directory someone else controls could hand us their socket.
+  // A directory someone else controls (or a link to one) could hand us
+  // their socket.
   if (st.st_uid != getuid() && st.st_uid != 0) {
     error = dir + " belongs to another user";
     return false;

@@ -627,6 +627,19 @@ TEST_F(DaemonTest, PeerOfAnotherUserIsRefused) {
   EXPECT_TRUE(root.call(tp_started()));
 }
 
+TEST_F(DaemonTest, SocketDirectoryOfAnotherUserIsRefused) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to give the directory away";
+  const std::string theirs = dir_.file("theirs");
+  ASSERT_EQ(mkdir(theirs.c_str(), 0755), 0);
+  ASSERT_EQ(chown(theirs.c_str(), 65534, 65534), 0);
+  EXPECT_FALSE(daemon_.start({"--socket", theirs + "/sock", "--state-dir", state_}, {}, 5000));
+  auto status = daemon_.wait_exit(5000);
+  ASSERT_TRUE(status);
+  EXPECT_EQ(status->code, 1);
+  EXPECT_NE(daemon_.stderr_text().find("belongs to another user"), std::string::npos) << daemon_.stderr_text();
+  EXPECT_FALSE(file_exists(theirs + "/sock"));
+}
+
 TEST_F(DaemonTest, SocketDirectoryFromTheEnvironment) {
   // No --socket: $SNANODE_SOCKET names it, and a missing parent is made 0700.
   const std::string path = dir_.file("run/sub/socket");
