@@ -248,7 +248,7 @@ TEST(DaemonStop, SigtermEndsConversationsAndRemovesTheSocket) {
       "A: ptr c=C type=1 | - PREPARE_TO_RECEIVE p=0x0000",
       "A: rcv c=C async=r | issued r",
       "A: sync | - SYNC p=0x0001",
-  });
+  }, false);
   ASSERT_EQ(failure, "");
   EXPECT_TRUE(daemon.terminate(&why)) << why;
   struct stat st;
@@ -387,7 +387,7 @@ TEST(SlowClient, ClientThatNeverReadsDoesNotStallOthers) {
   ASSERT_FALSE(alice_hash().empty());
   ASSERT_TRUE(daemon.start(node_config(daemon.dir()), &why)) << why;
   ScenarioRunner runner(daemon);
-  ASSERT_EQ(runner.run(driver_conversation()), "");
+  ASSERT_EQ(runner.run(driver_conversation(), false), "");
 
   RawClient raw;
   ASSERT_TRUE(raw.connect_to(daemon.socket()));

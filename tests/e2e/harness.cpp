@@ -309,12 +309,6 @@ bool Process::expect(const std::string &expected, std::string *why, int timeout_
   return true;
 }
 
-bool Process::quiet(int timeout_ms, std::string *got) {
-  auto line = read_line(timeout_ms);
-  if (line && got) *got = *line;
-  return !line.has_value();
-}
-
 void Process::signal(int sig) {
   if (pid_ > 0 && !reaped_) ::kill(pid_, sig);
 }
@@ -328,6 +322,8 @@ std::optional<int> Process::wait(int timeout_ms) {
   }
   return st;
 }
+
+std::string Process::stderr_text() const { return read_file(stderr_path_); }
 
 std::string Process::transcript() const {
   std::string out = "---- " + name_ + " (pid " + std::to_string(pid_) + ")\n";

@@ -70,17 +70,18 @@ class Process {
   // Reads the next line and checks it against the expectation (see
   // line_matches). On mismatch or time-out describes what happened.
   bool expect(const std::string &expected, std::string *why, int timeout_ms = kWaitMs);
-  // True if no line arrives within timeout_ms (used only where the
-  // absence of output is itself the result, after a synchronising step).
-  bool quiet(int timeout_ms, std::string *got);
 
   void signal(int sig);
   // Waits for the exit; nullopt on time-out.
   std::optional<int> wait(int timeout_ms = kWaitMs);
-  bool exited() const { return reaped_; }
 
   // Everything read so far, and the stderr file, for failure messages.
   std::string transcript() const;
+  std::string stderr_text() const;
+
+  // The test killed it on purpose: its exit status says nothing.
+  void mark_killed() { killed_ = true; }
+  bool killed_by_test() const { return killed_; }
 
  private:
   Process() = default;
@@ -89,6 +90,7 @@ class Process {
   int in_fd_ = -1;
   int out_fd_ = -1;
   bool reaped_ = false;
+  bool killed_ = false;
   int status_ = 0;
   std::string buffer_;
   std::string stderr_path_;

@@ -525,7 +525,7 @@ TEST(NodePacing, X08_FlushHeldUntilThePartnerReceives) {
   ASSERT_FALSE(alice_hash().empty());
   ASSERT_TRUE(daemon.start(node_config(daemon.dir()), &why)) << why;
   ScenarioRunner runner(daemon);
-  ASSERT_EQ(runner.run(conversation("mode=PACED")), "");
+  ASSERT_EQ(runner.run(conversation("mode=PACED"), false), "");
   Process &a = *runner.program("A");
   Process &b = *runner.program("B");
   int held = 0;
@@ -550,6 +550,7 @@ TEST(NodePacing, X08_FlushHeldUntilThePartnerReceives) {
     // Released exactly when one record is left unreceived.
     EXPECT_EQ(done, k == held - 1) << "after " << k << " receives\n" << runner.transcripts();
   }
+  EXPECT_EQ(runner.finish(), "");
 }
 
 }  // namespace

@@ -8,7 +8,6 @@
 //   "P: COMMAND"               send only (the result comes later)
 //   "P< EXPECTED"              expect the next line
 //   "P~ E1 || E2 ..."          the next lines are these, in any order
-//   "P. WAIT_MS"               no line within WAIT_MS
 //   "!kill P"                  SIGKILL program P (its result is not read)
 //   "!killdaemon"              SIGKILL the daemon
 //   "!restart"                 start a daemon again on the same socket
@@ -24,6 +23,7 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/wait.h>
 
 #include <cctype>
 #include <functional>
@@ -79,13 +79,22 @@ inline bool is_env_name(const std::string &s) {
   return true;
 }
 
+inline bool has_sanitizer_report(const std::string &text) {
+  return text.find("ERROR: AddressSanitizer") != std::string::npos ||
+         text.find("ERROR: LeakSanitizer") != std::string::npos ||
+         text.find("WARNING: ThreadSanitizer") != std::string::npos ||
+         text.find("runtime error:") != std::string::npos;
+}
+
 // Runs the steps; returns "" on success, else what failed and the
 // transcripts of every program.
 class ScenarioRunner {
  public:
   explicit ScenarioRunner(Daemon &daemon) : daemon_(daemon) {}
 
-  std::string run(const std::vector<std::string> &steps) {
+  // With `last` false the programs stay as they are for more steps;
+  // otherwise they are ended and checked (finish) after the steps.
+  std::string run(const std::vector<std::string> &steps, bool last = true) {
     std::string failure;
     for (size_t i = 0; i < steps.size() && failure.empty(); ++i) {
       std::string step = expand(steps[i]);
@@ -93,8 +102,33 @@ class ScenarioRunner {
         failure = "step " + std::to_string(i + 1) + " \"" + step + "\": " + failure;
       }
     }
+    if (failure.empty() && last) failure = finish();
     if (failure.empty()) return "";
     return failure + "\n" + transcripts();
+  }
+
+  // Ends the programs: each one that is not waiting in a call exits at the
+  // end of its input, with status 0 and no sanitizer report; one still
+  // waiting after a second is killed. The daemon has made no such report.
+  std::string finish() {
+    std::string failure;
+    for (auto &kv : programs_) kv.second->close_stdin();
+    for (auto &kv : programs_) {
+      Process &p = *kv.second;
+      auto status = p.wait(1000);
+      if (!status) {
+        p.signal(SIGKILL);
+        p.wait();
+        continue;
+      }
+      if (p.killed_by_test()) continue;
+      if (!WIFEXITED(*status) || WEXITSTATUS(*status) != 0) {
+        failure += p.name() + " ended with wait status " + std::to_string(*status) + "; ";
+      }
+      if (has_sanitizer_report(p.stderr_text())) failure += p.name() + " reported a sanitizer error; ";
+    }
+    if (has_sanitizer_report(daemon_.stderr_text())) failure += "the daemon reported a sanitizer error; ";
+    return failure;
   }
 
   Process *program(const std::string &name) {
@@ -167,7 +201,7 @@ class ScenarioRunner {
     if (step.empty()) return true;
     if (step[0] == '+') return start_program(step.substr(1), why);
     if (step[0] == '!') return action(step.substr(1), why);
-    size_t mark = step.find_first_of(":<~.");
+    size_t mark = step.find_first_of(":<~");
     if (mark == std::string::npos) {
       *why = "malformed step";
       return false;
@@ -190,14 +224,6 @@ class ScenarioRunner {
       }
       case '<':
         return p->expect(rest, why);
-      case '.': {
-        std::string got;
-        if (!p->quiet(std::stoi(rest), &got)) {
-          *why = p->name() + ": unexpected line \"" + got + "\"";
-          return false;
-        }
-        return true;
-      }
       case '~': {
         std::vector<std::string> wanted = split_on(rest, "||");
         while (!wanted.empty()) {
@@ -237,6 +263,7 @@ class ScenarioRunner {
         return false;
       }
       p->signal(SIGKILL);
+      p->mark_killed();
       if (!p->wait()) {
         *why = name + " did not die";
         return false;
