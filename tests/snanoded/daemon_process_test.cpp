@@ -3,6 +3,7 @@
 
 #include <crypt.h>
 #include <poll.h>
+#include <pwd.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -209,6 +210,28 @@ TEST_F(DaemonTest, PingPongBetweenTwoConnections) {
   auto last = b.call(receive_and_wait(c.b.id, c.b_conv, 100), {}, &got);
   ASSERT_TRUE(last);
   EXPECT_EQ(last->primary, 0x0009);
+}
+
+// Security "same": the partner learns the login name of the allocating
+// client's user, which the daemon took from the peer credentials.
+TEST_F(DaemonTest, SecuritySameCarriesTheLoginName) {
+  start();
+  WireClient a, b;
+  connect(a);
+  connect(b);
+  ASSERT_TRUE(b.call(register_name("SRV")));
+  const uint64_t accept = b.issue(receive_allocate());
+  auto at = start_tp(a);
+  wire::Verb v = allocate(at.id, "SRV");
+  v.security = 1;
+  auto alloc = a.call(v);
+  ASSERT_TRUE(alloc && alloc->primary == 0);
+  ASSERT_TRUE(a.call(send_data(at.id, alloc->conv_id, 1, 0)));
+  auto accepted = b.reply_for(accept);
+  ASSERT_TRUE(accepted && accepted->primary == 0);
+  const passwd* pw = getpwuid(getuid());
+  ASSERT_NE(pw, nullptr);
+  EXPECT_EQ(ebcdic_string(accepted->user_id, 10), pw->pw_name);
 }
 
 TEST_F(DaemonTest, ClientClosingMidConversation) {
