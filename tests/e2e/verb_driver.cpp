@@ -173,10 +173,12 @@ struct Conv {
   uint8_t opext = 1;
 };
 
+// The tables live until the process ends (never destroyed): a completion
+// routine may still run on the runtime's thread while main returns.
 std::mutex table_mutex;
-std::map<std::string, std::vector<uint8_t>> tps;  // name -> tp id
-std::map<std::string, Conv> convs;
-std::map<std::string, uint32_t> nof_handles;
+std::map<std::string, std::vector<uint8_t>> &tps = *new std::map<std::string, std::vector<uint8_t>>;
+std::map<std::string, Conv> &convs = *new std::map<std::string, Conv>;
+std::map<std::string, uint32_t> &nof_handles = *new std::map<std::string, uint32_t>;
 
 using Args = std::map<std::string, std::string>;
 
@@ -210,7 +212,7 @@ struct Call {
   std::string then;  // command issued from the completion routine
 };
 
-std::map<std::string, Call *> in_flight;  // by tag, under out_mutex
+std::map<std::string, Call *> &in_flight = *new std::map<std::string, Call *>;  // by tag, under out_mutex
 
 std::string describe(Call &c) {
   std::string line = c.tag + " " + c.verb + " ";
@@ -723,6 +725,8 @@ int main() {
   std::string line;
   while (std::getline(std::cin, line)) command(line);
   // In-flight asynchronous verbs end with the process; the node sees the
-  // connection close.
+  // connection close. A completion routine that comes meanwhile waits for
+  // the output lock, which the exit keeps.
+  out_mutex.lock();
   return 0;
 }
