@@ -423,9 +423,9 @@ void *runtime_main(void *) {
     while (connection_current(gen, &fd)) {
       if (!read_and_dispatch(fd, &error)) connection_lost(gen, error);
     }
-    /* Every completion is delivered: tell the path users, then let the
-     * next verb connect again. */
-    snanode_raise_path_event(VPM_EVENT_NODE_LOST);
+    /* Every completion is delivered: close the old connection, so that a
+     * verb issued once a path user has seen the event connects again
+     * instead of meeting the loss, then tell the path users. */
     pthread_mutex_lock(&write_mutex);
     pthread_mutex_lock(&client_mutex);
     if (generation == gen && state == LinkState::kLost) {
@@ -436,6 +436,7 @@ void *runtime_main(void *) {
     }
     pthread_mutex_unlock(&client_mutex);
     pthread_mutex_unlock(&write_mutex);
+    snanode_raise_path_event(VPM_EVENT_NODE_LOST);
   }
   return nullptr;
 }

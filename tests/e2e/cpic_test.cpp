@@ -272,6 +272,10 @@ const std::vector<Row> &rows() {
            "A: CMSPM c CM_NON_BLOCKING | CMSPM CM_OK",
            "A: CMRCV c 100 | CMRCV CM_OPERATION_INCOMPLETE",
            "A: CMCANC c | CMCANC CM_OK",
+           // The cancelled receive completes through its own routine (the
+           // node's "cancelled" code has no CPI-C meaning: 20, logged);
+           // once collected the conversation is gone.
+           "A: CMWAIT | CMWAIT CM_OK conv=c crc=CM_PRODUCT_SPECIFIC_ERROR",
            "A: CMECS c | CMECS CM_PROGRAM_PARAMETER_CHECK",
            "B: CMSEND b LATE | CMSEND CM_DEALLOCATED_ABEND",
        }},
