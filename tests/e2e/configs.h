@@ -114,6 +114,13 @@ inline std::string node_config(const std::string &dir) {
          "password_hash = \"" + alice_hash() + "\"\n";
 }
 
+// Starts `daemon` with node_config: "" when it runs, else why not.
+inline std::string start_test_node(Daemon &daemon) {
+  if (alice_hash().empty()) return "snanoded --hash-password gave nothing";
+  std::string why;
+  return daemon.start(node_config(daemon.dir()), &why) ? "" : why;
+}
+
 }  // namespace e2e
 
 #endif

@@ -409,9 +409,7 @@ class CpicScenario : public ::testing::TestWithParam<Row> {};
 
 TEST_P(CpicScenario, Runs) {
   Daemon daemon(E2E_DAEMON);
-  std::string why;
-  ASSERT_FALSE(alice_hash().empty()) << "snanoded --hash-password gave nothing";
-  ASSERT_TRUE(daemon.start(node_config(daemon.dir()), &why)) << why;
+  ASSERT_EQ(start_test_node(daemon), "");
   ScenarioRunner runner(daemon);
   EXPECT_EQ(runner.run(GetParam().steps), "");
 }
@@ -423,9 +421,7 @@ INSTANTIATE_TEST_SUITE_P(Cpic, CpicScenario, ::testing::ValuesIn(rows()),
 // the same time; the partner releases the second first.
 TEST(CpicThreads, TwoBlockedReceivesBothComplete) {
   Daemon daemon(E2E_DAEMON);
-  std::string why;
-  ASSERT_FALSE(alice_hash().empty());
-  ASSERT_TRUE(daemon.start(node_config(daemon.dir()), &why)) << why;
+  ASSERT_EQ(start_test_node(daemon), "");
   ScenarioRunner runner(daemon);
   EXPECT_EQ(runner.run({
                 "+B cpic",

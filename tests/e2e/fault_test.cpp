@@ -145,9 +145,7 @@ class PartnerKilled : public ::testing::TestWithParam<Row> {};
 
 TEST_P(PartnerKilled, SurvivorGetsItsCodeWithinASecond) {
   Daemon daemon(E2E_DAEMON);
-  std::string why;
-  ASSERT_FALSE(alice_hash().empty());
-  ASSERT_TRUE(daemon.start(node_config(daemon.dir()), &why)) << why;
+  ASSERT_EQ(start_test_node(daemon), "");
   ScenarioRunner runner(daemon);
   EXPECT_EQ(runner.run(GetParam().steps), "");
 }
@@ -172,9 +170,7 @@ Steps driver_converse_again() {
 
 TEST(DaemonLoss, EveryOutstandingVerbGetsF003ThenTheEventThenANewDaemonServes) {
   Daemon daemon(E2E_DAEMON);
-  std::string why;
-  ASSERT_FALSE(alice_hash().empty());
-  ASSERT_TRUE(daemon.start(node_config(daemon.dir()), &why)) << why;
+  ASSERT_EQ(start_test_node(daemon), "");
   ScenarioRunner runner(daemon);
   EXPECT_EQ(runner.run(Steps{
                 "+A driver",
@@ -205,9 +201,7 @@ TEST(DaemonLoss, EveryOutstandingVerbGetsF003ThenTheEventThenANewDaemonServes) {
 
 TEST(DaemonLoss, CpicProgramsConverseAgainWithANewDaemon) {
   Daemon daemon(E2E_DAEMON);
-  std::string why;
-  ASSERT_FALSE(alice_hash().empty());
-  ASSERT_TRUE(daemon.start(node_config(daemon.dir()), &why)) << why;
+  ASSERT_EQ(start_test_node(daemon), "");
   ScenarioRunner runner(daemon);
   EXPECT_EQ(runner.run(cpic_conversation() + Steps{
                 "A: CMSST c CM_SEND_AND_PREP_TO_RECEIVE | CMSST CM_OK",
@@ -244,9 +238,7 @@ TEST(DaemonLoss, CpicProgramsConverseAgainWithANewDaemon) {
 // exits 0; its clients lose the node.
 TEST(DaemonStop, SigtermEndsConversationsAndRemovesTheSocket) {
   Daemon daemon(E2E_DAEMON);
-  std::string why;
-  ASSERT_FALSE(alice_hash().empty());
-  ASSERT_TRUE(daemon.start(node_config(daemon.dir()), &why)) << why;
+  ASSERT_EQ(start_test_node(daemon), "");
   ScenarioRunner runner(daemon);
   std::string failure = runner.run(driver_conversation() + Steps{
       "A: ptr c=C type=1 | - PREPARE_TO_RECEIVE p=0x0000",
@@ -254,6 +246,7 @@ TEST(DaemonStop, SigtermEndsConversationsAndRemovesTheSocket) {
       "A: sync | - SYNC p=0x0001",
   }, false);
   ASSERT_EQ(failure, "");
+  std::string why;
   EXPECT_TRUE(daemon.terminate(&why)) << why;
   struct stat st;
   EXPECT_NE(::stat(daemon.socket().c_str(), &st), 0) << "socket file left behind";
@@ -332,9 +325,7 @@ class GarbageOnSocket : public ::testing::TestWithParam<Garbage> {};
 
 TEST_P(GarbageOnSocket, OnlyThatClientIsDisconnectedAndLogged) {
   Daemon daemon(E2E_DAEMON);
-  std::string why;
-  ASSERT_FALSE(alice_hash().empty());
-  ASSERT_TRUE(daemon.start(node_config(daemon.dir()), &why)) << why;
+  ASSERT_EQ(start_test_node(daemon), "");
   ScenarioRunner runner(daemon);
   RawClient raw;
   const Garbage &g = GetParam();
@@ -387,9 +378,7 @@ INSTANTIATE_TEST_SUITE_P(Fault, GarbageOnSocket, ::testing::ValuesIn(garbage_cas
 // reads a reply, must not stall the daemon for anybody else.
 TEST(SlowClient, ClientThatNeverReadsDoesNotStallOthers) {
   Daemon daemon(E2E_DAEMON);
-  std::string why;
-  ASSERT_FALSE(alice_hash().empty());
-  ASSERT_TRUE(daemon.start(node_config(daemon.dir()), &why)) << why;
+  ASSERT_EQ(start_test_node(daemon), "");
   ScenarioRunner runner(daemon);
   ASSERT_EQ(runner.run(driver_conversation(), false), "");
 
@@ -431,9 +420,7 @@ TEST(SlowClient, ClientThatNeverReadsDoesNotStallOthers) {
 // A client that connects and says nothing at all.
 TEST(SlowClient, SilentConnectionDoesNotStallOthers) {
   Daemon daemon(E2E_DAEMON);
-  std::string why;
-  ASSERT_FALSE(alice_hash().empty());
-  ASSERT_TRUE(daemon.start(node_config(daemon.dir()), &why)) << why;
+  ASSERT_EQ(start_test_node(daemon), "");
   RawClient raw;
   ASSERT_TRUE(raw.connect_to(daemon.socket()));
   ScenarioRunner runner(daemon);

@@ -55,18 +55,14 @@ Steps cpic_pingpong(const std::string &allocator, const std::string &acceptor) {
 
 TEST(MixedWordSize, CpicThisBuildAllocatesPeerAccepts) {
   Daemon daemon(E2E_DAEMON);
-  std::string why;
-  ASSERT_FALSE(alice_hash().empty());
-  ASSERT_TRUE(daemon.start(node_config(daemon.dir()), &why)) << why;
+  ASSERT_EQ(start_test_node(daemon), "");
   ScenarioRunner runner(daemon);
   EXPECT_EQ(runner.run(cpic_pingpong("cpic", "peer-cpic")), "");
 }
 
 TEST(MixedWordSize, CpicPeerAllocatesThisBuildAccepts) {
   Daemon daemon(E2E_DAEMON);
-  std::string why;
-  ASSERT_FALSE(alice_hash().empty());
-  ASSERT_TRUE(daemon.start(node_config(daemon.dir()), &why)) << why;
+  ASSERT_EQ(start_test_node(daemon), "");
   ScenarioRunner runner(daemon);
   EXPECT_EQ(runner.run(cpic_pingpong("peer-cpic", "cpic")), "");
 }
@@ -74,9 +70,7 @@ TEST(MixedWordSize, CpicPeerAllocatesThisBuildAccepts) {
 // Node verbs: basic logical records across the two word sizes.
 TEST(MixedWordSize, DriversBasicRecords) {
   Daemon daemon(E2E_DAEMON);
-  std::string why;
-  ASSERT_FALSE(alice_hash().empty());
-  ASSERT_TRUE(daemon.start(node_config(daemon.dir()), &why)) << why;
+  ASSERT_EQ(start_test_node(daemon), "");
   ScenarioRunner runner(daemon);
   EXPECT_EQ(runner.run({
                 "+A driver",

@@ -480,9 +480,7 @@ class NodeScenario : public ::testing::TestWithParam<Row> {};
 
 TEST_P(NodeScenario, Runs) {
   Daemon daemon(E2E_DAEMON);
-  std::string why;
-  ASSERT_FALSE(alice_hash().empty()) << "snanoded --hash-password gave nothing";
-  ASSERT_TRUE(daemon.start(node_config(daemon.dir()), &why)) << why;
+  ASSERT_EQ(start_test_node(daemon), "");
   ScenarioRunner runner(daemon);
   std::string failure = runner.run(GetParam().steps);
   EXPECT_EQ(failure, "");
@@ -521,13 +519,12 @@ bool completed_before_sync(Process &a, const std::string &tag, std::string *why)
 // the unreceived amount below the window.
 TEST(NodePacing, X08_FlushHeldUntilThePartnerReceives) {
   Daemon daemon(E2E_DAEMON);
-  std::string why;
-  ASSERT_FALSE(alice_hash().empty());
-  ASSERT_TRUE(daemon.start(node_config(daemon.dir()), &why)) << why;
+  ASSERT_EQ(start_test_node(daemon), "");
   ScenarioRunner runner(daemon);
   ASSERT_EQ(runner.run(conversation("mode=PACED"), false), "");
   Process &a = *runner.program("A");
   Process &b = *runner.program("B");
+  std::string why;
   int held = 0;
   std::string tag;
   for (int i = 1; i <= 3 && held == 0; ++i) {

@@ -12,9 +12,7 @@ namespace {
 // 2 s: the allocator's receive reports the rejection after that time.
 TEST(NodeSlow, S28_AttachTimeOut) {
   Daemon daemon(E2E_DAEMON);
-  std::string why;
-  ASSERT_FALSE(alice_hash().empty());
-  ASSERT_TRUE(daemon.start(node_config(daemon.dir()), &why)) << why;
+  ASSERT_EQ(start_test_node(daemon), "");
   ScenarioRunner runner(daemon);
   EXPECT_EQ(runner.run({
                 "+A driver",
