@@ -307,6 +307,72 @@ bool Section::string_table(const char* key, std::vector<std::pair<std::string, s
   return ok;
 }
 
+// What a side-information entry may name: the local LU aliases, every LU
+// alias (local and partner) and the modes.
+struct SideInfoScope {
+  std::set<std::string> local_aliases, lu_aliases, modes;
+};
+
+// One side-information entry, checked key by key; problems go to the
+// section's loader. The file and an operator's definition both come here.
+SideInfoEntry read_side_info_entry(Section& s, const SideInfoScope& scope) {
+  s.allow_only({"sym_dest_name", "partner_lu", "mode", "tp_name", "tp_name_type", "security", "user_id",
+                "password", "local_lu"});
+  SideInfoEntry e;
+  if (s.string("sym_dest_name", e.sym_dest_name, true) && !alias_ok(e.sym_dest_name))
+    s.bad("sym_dest_name", quoted(e.sym_dest_name) + kNotAlias);
+  if (s.string("partner_lu", e.partner_lu) && !e.partner_lu.empty()) {
+    if (e.partner_lu.find('.') != std::string::npos) {
+      if (!qualified_name_ok(e.partner_lu)) s.bad("partner_lu", quoted(e.partner_lu) + kNotQualified);
+    } else if (!alias_ok(e.partner_lu)) {
+      s.bad("partner_lu", quoted(e.partner_lu) + " is neither a qualified LU name nor an alias");
+    } else if (!scope.lu_aliases.count(e.partner_lu)) {
+      s.bad("partner_lu", quoted(e.partner_lu) + " is not the alias of a defined LU");
+    }
+  }
+  if (s.string("mode", e.mode) && !e.mode.empty()) {
+    const bool known = scope.modes.count(e.mode) != 0;
+    if (!sna_name_ok(e.mode))
+      s.bad("mode", quoted(e.mode) + " is not a mode name");
+    else if (!known)
+      s.bad("mode", quoted(e.mode) + " is not a defined mode");
+  }
+  std::string type = "application";
+  if (s.string("tp_name_type", type) && type != "application" && type != "service")
+    s.bad("tp_name_type", "must be \"application\" or \"service\", not " + quoted(type));
+  e.service_tp = type == "service";
+  if (s.string("tp_name", e.tp_name)) {
+    if (e.service_tp) {
+      if (!hex8_ok(e.tp_name))
+        s.bad("tp_name", quoted(e.tp_name) + " is not 8 hex digits (a service TP name)");
+      else
+        std::transform(e.tp_name.begin(), e.tp_name.end(), e.tp_name.begin(), [](char ch) {
+          return static_cast<char>(std::toupper(static_cast<unsigned char>(ch)));
+        });
+    } else if (!padded_text_ok(e.tp_name, 64)) {
+      s.bad("tp_name", quoted(e.tp_name) + kNotTpName);
+    }
+  }
+  std::string sec;
+  if (s.string("security", sec)) {
+    static const std::pair<const char*, uint32_t> kSec[] = {
+        {"none", 0}, {"same", 1}, {"program", 2}, {"program_strong", 5}};
+    auto it = std::find_if(std::begin(kSec), std::end(kSec), [&](const auto& p) { return sec == p.first; });
+    if (it == std::end(kSec))
+      s.bad("security",
+            "must be \"none\", \"same\", \"program\" or \"program_strong\", not " + quoted(sec));
+    else
+      e.security = it->second;
+  }
+  if (s.string("user_id", e.user_id) && !e.user_id.empty() && !user_id_ok(e.user_id))
+    s.bad("user_id", quoted(e.user_id) + kNotUserId);
+  if (s.string("password", e.password) && !e.password.empty() && !padded_text_ok(e.password, 10))
+    s.bad("password", "is not 1-10 printable ASCII characters (no leading or trailing blank)");
+  if (s.string("local_lu", e.local_lu) && !e.local_lu.empty() && !scope.local_aliases.count(e.local_lu))
+    s.bad("local_lu", quoted(e.local_lu) + " is not the alias of a local LU");
+  return e;
+}
+
 // The tables of an array-of-tables key, or of nothing; anything else is an
 // error.
 std::vector<const toml::table*> Loader::entries(const toml::table& root, const char* name) {
@@ -474,69 +540,19 @@ void Loader::read_modes(const toml::table& root, DaemonConfig& c) {
 
 void Loader::read_side_info(const toml::table& root, DaemonConfig& c) {
   Seen names;
-  std::set<std::string> local_aliases;
-  for (const auto& lu : c.node.local_lus) local_aliases.insert(lu.alias);
+  SideInfoScope scope;
+  // The built-in LOCAL counts too when the file defines no local LU.
+  for (const auto& lu : c.node.local_lus) {
+    scope.local_aliases.insert(lu.alias);
+    scope.lu_aliases.insert(lu.alias);
+  }
+  for (const auto& [alias, line] : aliases_.first) scope.lu_aliases.insert(alias);
+  for (const ModeConfig& m : c.node.modes) scope.modes.insert(m.name);
   for (const toml::table* t : entries(root, "side_info")) {
     Section s(*this, *t, "[[side_info]]");
-    s.allow_only({"sym_dest_name", "partner_lu", "mode", "tp_name", "tp_name_type", "security", "user_id",
-                  "password", "local_lu"});
-    SideInfoEntry e;
-    if (s.string("sym_dest_name", e.sym_dest_name, true)) {
-      if (!alias_ok(e.sym_dest_name))
-        s.bad("sym_dest_name", quoted(e.sym_dest_name) + kNotAlias);
-      else
-        names.add(*this, e.sym_dest_name, s.key_line("sym_dest_name"), "sym_dest_name");
-    }
-    if (s.string("partner_lu", e.partner_lu) && !e.partner_lu.empty()) {
-      if (e.partner_lu.find('.') != std::string::npos) {
-        if (!qualified_name_ok(e.partner_lu)) s.bad("partner_lu", quoted(e.partner_lu) + kNotQualified);
-      } else if (!alias_ok(e.partner_lu)) {
-        s.bad("partner_lu", quoted(e.partner_lu) + " is neither a qualified LU name nor an alias");
-      } else if (!aliases_.first.count(e.partner_lu)) {
-        s.bad("partner_lu", quoted(e.partner_lu) + " is not the alias of a defined LU");
-      }
-    }
-    if (s.string("mode", e.mode) && !e.mode.empty()) {
-      const bool known = std::any_of(c.node.modes.begin(), c.node.modes.end(),
-                                     [&](const ModeConfig& m) { return m.name == e.mode; });
-      if (!sna_name_ok(e.mode))
-        s.bad("mode", quoted(e.mode) + " is not a mode name");
-      else if (!known)
-        s.bad("mode", quoted(e.mode) + " is not a defined mode");
-    }
-    std::string type = "application";
-    if (s.string("tp_name_type", type) && type != "application" && type != "service")
-      s.bad("tp_name_type", "must be \"application\" or \"service\", not " + quoted(type));
-    e.service_tp = type == "service";
-    if (s.string("tp_name", e.tp_name)) {
-      if (e.service_tp) {
-        if (!hex8_ok(e.tp_name))
-          s.bad("tp_name", quoted(e.tp_name) + " is not 8 hex digits (a service TP name)");
-        else
-          std::transform(e.tp_name.begin(), e.tp_name.end(), e.tp_name.begin(), [](char ch) {
-            return static_cast<char>(std::toupper(static_cast<unsigned char>(ch)));
-          });
-      } else if (!padded_text_ok(e.tp_name, 64)) {
-        s.bad("tp_name", quoted(e.tp_name) + kNotTpName);
-      }
-    }
-    std::string sec;
-    if (s.string("security", sec)) {
-      static const std::pair<const char*, uint32_t> kSec[] = {
-          {"none", 0}, {"same", 1}, {"program", 2}, {"program_strong", 5}};
-      auto it = std::find_if(std::begin(kSec), std::end(kSec), [&](const auto& p) { return sec == p.first; });
-      if (it == std::end(kSec))
-        s.bad("security",
-              "must be \"none\", \"same\", \"program\" or \"program_strong\", not " + quoted(sec));
-      else
-        e.security = it->second;
-    }
-    if (s.string("user_id", e.user_id) && !e.user_id.empty() && !user_id_ok(e.user_id))
-      s.bad("user_id", quoted(e.user_id) + kNotUserId);
-    if (s.string("password", e.password) && !e.password.empty() && !padded_text_ok(e.password, 10))
-      s.bad("password", "is not 1-10 printable ASCII characters (no leading or trailing blank)");
-    if (s.string("local_lu", e.local_lu) && !e.local_lu.empty() && !local_aliases.count(e.local_lu))
-      s.bad("local_lu", quoted(e.local_lu) + " is not the alias of a local LU");
+    SideInfoEntry e = read_side_info_entry(s, scope);
+    if (alias_ok(e.sym_dest_name))
+      names.add(*this, e.sym_dest_name, s.key_line("sym_dest_name"), "sym_dest_name");
     c.side_info.push_back(std::move(e));
   }
   std::sort(c.side_info.begin(), c.side_info.end(),
@@ -752,6 +768,36 @@ std::optional<DaemonConfig> load_config(const std::string& path, ConfigError& er
   }
   c.source = path;
   return c;
+}
+
+std::optional<SideInfoEntry> check_side_info_entry(const EntryFields& fields, const DaemonConfig& config,
+                                                   std::string& reason) {
+  // The fields become the table a file would hold, so the one reader
+  // checks both; a value that is not text stands in as a boolean, which
+  // the reader refuses as it refuses any other non-string.
+  toml::table table;
+  for (const auto& [key, text] : fields) {
+    if (text)
+      table.insert_or_assign(key, *text);
+    else
+      table.insert_or_assign(key, false);
+  }
+  SideInfoScope scope;
+  for (const auto& lu : config.node.local_lus) {
+    scope.local_aliases.insert(lu.alias);
+    scope.lu_aliases.insert(lu.alias);
+  }
+  for (const auto& p : config.node.partners) scope.lu_aliases.insert(p.alias);
+  for (const ModeConfig& m : config.node.modes) scope.modes.insert(m.name);
+  Loader loader(config.source);
+  Section section(loader, table, "side information");
+  SideInfoEntry e = read_side_info_entry(section, scope);
+  if (loader.failed()) {
+    reason = loader.first_error().reason;
+    return std::nullopt;
+  }
+  reason.clear();
+  return e;
 }
 
 }  // namespace sna::config

@@ -67,6 +67,16 @@ void add_ping_partner(DaemonConfig& config, const std::string& program);
 // The file's configuration, or nullopt with `error` set to the first problem.
 std::optional<DaemonConfig> load_config(const std::string& path, ConfigError& error);
 
+// The keys of one side-information entry given other than in a file (an
+// operator's definition), in the file's names: each value as text, or
+// nullopt for a value that is not text.
+using EntryFields = std::vector<std::pair<std::string, std::optional<std::string>>>;
+// Checks such an entry as a [[side_info]] entry of the file is checked
+// (same keys, rules and messages), against the LUs and modes `config`
+// defines. The entry, or nullopt with `reason` set.
+std::optional<SideInfoEntry> check_side_info_entry(const EntryFields& fields, const DaemonConfig& config,
+                                                   std::string& reason);
+
 // A salted crypt(3) string (yescrypt, or SHA-512 where yescrypt is missing);
 // empty if the password holds a NUL byte or hashing fails.
 std::string hash_password(const std::string& password);

@@ -86,6 +86,7 @@ Daemon::Daemon(DaemonSettings s)
                            host_->program_failed(instance);
                          },
                          [this](uint64_t instance) { host_->program_exited(instance); }}) {
+  side_info_table_.set_file_entries(config_.side_info);
   host_ = std::make_unique<NodeHost>(
       core_config(config_), timers_,
       NodeHost::Hooks{[this](const proto::Completion& c) { deliver(c); },
@@ -209,9 +210,12 @@ void Daemon::reload() {
   if (fresh->group != config_.group) note += "; new group applies at restart";
   if (fresh->idle_exit_set && fresh->idle_exit_s != idle_exit_s_) note += "; new idle_exit applies at restart";
   config_ = std::move(*fresh);
+  side_info_table_.set_file_entries(config_.side_info);
   host_->reconfigure(core_config(config_));
   log_audit(msg::kReloaded, 0, "reloaded " + config_.source + note);
 }
+
+void Daemon::side_info_changed(const std::string& what) { log_audit(msg::kSideInfoChanged, 0, what); }
 
 void Daemon::request_stop() { begin_shutdown("operator command"); }
 
@@ -402,7 +406,7 @@ void Daemon::handle_frame(ClientConnection& c, Frame& f) {
       return;
     case wire::Kind::kNof:
       send(c, make_frame(wire::Kind::kNofReply, f.tag,
-                         side_info_service_.handle(c.id(), f.body.data(), config_.side_info)));
+                         side_info_service_.handle(c.id(), f.body.data(), side_info_table_.entries())));
       return;
     case wire::Kind::kOperator: {
       const std::string text(f.body.begin(), f.body.end());

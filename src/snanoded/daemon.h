@@ -78,7 +78,9 @@ class Daemon : private OperatorTarget {
   StatusInput status_input() override;
   size_t push_trace(bool api, const std::string& file) override;
   void request_stop() override;
-  const std::vector<config::SideInfoEntry>& side_info() const override { return config_.side_info; }
+  const config::DaemonConfig& configuration() const override { return config_; }
+  SideInfoTable& side_info() override { return side_info_table_; }
+  void side_info_changed(const std::string& what) override;
 
   bool check_password(const std::string& user, const std::string& password) const;
   proto::NodeConfig core_config(const config::DaemonConfig& c) const;
@@ -97,6 +99,7 @@ class Daemon : private OperatorTarget {
   std::unique_ptr<NodeHost> host_;
   AttachManager attach_;
   SideInfoService side_info_service_;
+  SideInfoTable side_info_table_;  // the file's entries and the operator's changes
 
   int signal_fd_ = -1;
   int spare_fd_ = -1;  // released when descriptors run out

@@ -18,6 +18,7 @@ inline constexpr uint32_t kStopped = 0x20000002;        // audit
 inline constexpr uint32_t kReloaded = 0x20000003;       // audit
 inline constexpr uint32_t kClientRefused = 0x20000004;  // audit
 inline constexpr uint32_t kProgramStarted = 0x20000005; // audit
+inline constexpr uint32_t kSideInfoChanged = 0x20000006; // audit
 inline constexpr uint32_t kMalformedFrame = 0x20000010; // problem
 inline constexpr uint32_t kPartnerLogData = 0x20000011; // problem
 inline constexpr uint32_t kReloadFailed = 0x20000012;   // problem

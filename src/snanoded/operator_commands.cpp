@@ -143,9 +143,9 @@ json status_json(const StatusInput& in) {
   return out;
 }
 
-json side_info_json(const std::vector<config::SideInfoEntry>& entries) {
+json side_info_json(const SideInfoTable& table) {
   json list = json::array();
-  for (const config::SideInfoEntry& e : entries)
+  for (const config::SideInfoEntry& e : table.entries())
     list.push_back({{"sym_dest_name", e.sym_dest_name},
                     {"partner_lu", e.partner_lu},
                     {"mode", e.mode},
@@ -154,9 +154,54 @@ json side_info_json(const std::vector<config::SideInfoEntry>& entries) {
                     {"security", security_text(e.security)},
                     {"user_id", e.user_id},
                     {"password_set", !e.password.empty()},
-                    {"local_lu", e.local_lu}});
+                    {"local_lu", e.local_lu},
+                    {"origin", table.operator_defined(e.sym_dest_name) ? "operator" : "file"}});
   return json{{"side_info", list}};
 }
+
+namespace {
+
+// A definition's description for the audit log: everything but the password.
+std::string describe(const config::SideInfoEntry& e) {
+  std::string s = e.sym_dest_name + " (partner LU " + (e.partner_lu.empty() ? "-" : e.partner_lu) + ", mode " +
+                  (e.mode.empty() ? "-" : e.mode) + ", " + (e.service_tp ? "service TP " : "TP ") +
+                  (e.tp_name.empty() ? "-" : e.tp_name) + ", security " + security_text(e.security);
+  if (!e.user_id.empty()) s += ", user " + e.user_id;
+  if (!e.password.empty()) s += ", password set";
+  if (!e.local_lu.empty()) s += ", local LU " + e.local_lu;
+  return s + ")";
+}
+
+json define_side_info(const json& req, OperatorTarget& target) {
+  if (!req.contains("entry") || !req["entry"].is_object())
+    return json{{"error", "sideinfo_define needs \"entry\": an object of side-information keys"}};
+  config::EntryFields fields;
+  for (const auto& [key, value] : req["entry"].items()) {
+    if (value.is_string())
+      fields.emplace_back(key, value.get<std::string>());
+    else
+      fields.emplace_back(key, std::nullopt);
+  }
+  std::string reason;
+  std::optional<config::SideInfoEntry> entry =
+      config::check_side_info_entry(fields, target.configuration(), reason);
+  if (!entry) return json{{"error", reason}};
+  const std::string what = "side information defined by the operator: " + describe(*entry);
+  target.side_info().define(std::move(*entry));
+  target.side_info_changed(what);
+  return json{{"ok", true}};
+}
+
+json delete_side_info(const json& req, OperatorTarget& target) {
+  if (!req.contains("sym_dest_name") || !req["sym_dest_name"].is_string())
+    return json{{"error", "sideinfo_delete needs \"sym_dest_name\": a string"}};
+  const std::string name = req["sym_dest_name"].get<std::string>();
+  if (!target.side_info().remove(name)) return json{{"error", "no side information entry named " + name}};
+  target.side_info_changed("side information deleted by the operator: " + name);
+  return json{{"ok", true}};
+}
+
+}  // namespace
 
 std::string operator_reply(const std::string& request, OperatorTarget& target) {
   json req = json::parse(request, nullptr, false);
@@ -166,6 +211,8 @@ std::string operator_reply(const std::string& request, OperatorTarget& target) {
   const std::string command = req["command"].get<std::string>();
   if (command == "status") return dump(status_json(target.status_input()));
   if (command == "sideinfo") return dump(side_info_json(target.side_info()));
+  if (command == "sideinfo_define") return dump(define_side_info(req, target));
+  if (command == "sideinfo_delete") return dump(delete_side_info(req, target));
   if (command == "stop") {
     target.request_stop();
     return dump(json{{"ok", true}});

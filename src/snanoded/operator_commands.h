@@ -6,6 +6,13 @@
 //                            switches API tracing in every application
 //   {"command":"stop"}       stops the daemon as SIGTERM does
 //   {"command":"sideinfo"}   the side information (passwords not shown)
+//   {"command":"sideinfo_define","entry":{...}}
+//                            defines or replaces an entry; the keys are a
+//                            [[side_info]] entry's, checked as the file's
+//   {"command":"sideinfo_delete","sym_dest_name":"NAME"}
+//                            deletes an entry
+// The operator's side-information changes last until the node stops and
+// outlive a reload.
 #ifndef SNA_SNANODED_OPERATOR_COMMANDS_H
 #define SNA_SNANODED_OPERATOR_COMMANDS_H
 
@@ -21,6 +28,7 @@
 #include "nodeconfig/daemon_config.h"
 #include "protocol/config.h"
 #include "protocol/node.h"
+#include "snanoded/side_info_service.h"
 
 namespace sna::daemon {
 
@@ -54,11 +62,15 @@ class OperatorTarget {
   // Returns the number of application clients told.
   virtual size_t push_trace(bool api, const std::string& file) = 0;
   virtual void request_stop() = 0;
-  virtual const std::vector<config::SideInfoEntry>& side_info() const = 0;
+  // The configuration in force (for the LUs and modes an entry may name).
+  virtual const config::DaemonConfig& configuration() const = 0;
+  virtual SideInfoTable& side_info() = 0;
+  // Told after each change of the side information, for the audit log.
+  virtual void side_info_changed(const std::string& what) = 0;
 };
 
 nlohmann::json status_json(const StatusInput& in);
-nlohmann::json side_info_json(const std::vector<config::SideInfoEntry>& entries);
+nlohmann::json side_info_json(const SideInfoTable& table);
 
 // Carries out one command; returns the answer's text.
 std::string operator_reply(const std::string& request, OperatorTarget& target);

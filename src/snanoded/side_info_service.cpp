@@ -45,6 +45,47 @@ std::vector<uint8_t> reply(uint16_t primary, uint32_t secondary, uint32_t handle
 
 }  // namespace
 
+SideInfoTable::SideInfoTable(std::vector<config::SideInfoEntry> file_entries) {
+  set_file_entries(std::move(file_entries));
+}
+
+void SideInfoTable::set_file_entries(std::vector<config::SideInfoEntry> file_entries) {
+  file_ = std::move(file_entries);
+  merge();
+}
+
+void SideInfoTable::define(config::SideInfoEntry entry) {
+  std::string name = entry.sym_dest_name;
+  changes_[name] = std::move(entry);
+  merge();
+}
+
+bool SideInfoTable::remove(const std::string& sym_dest_name) {
+  const bool present = std::any_of(merged_.begin(), merged_.end(), [&](const config::SideInfoEntry& e) {
+    return e.sym_dest_name == sym_dest_name;
+  });
+  if (!present) return false;
+  changes_[sym_dest_name] = std::nullopt;
+  merge();
+  return true;
+}
+
+bool SideInfoTable::operator_defined(const std::string& sym_dest_name) const {
+  auto it = changes_.find(sym_dest_name);
+  return it != changes_.end() && it->second.has_value();
+}
+
+void SideInfoTable::merge() {
+  merged_.clear();
+  for (const config::SideInfoEntry& e : file_)
+    if (!changes_.count(e.sym_dest_name)) merged_.push_back(e);
+  for (const auto& [name, entry] : changes_)
+    if (entry) merged_.push_back(*entry);
+  std::sort(merged_.begin(), merged_.end(), [](const config::SideInfoEntry& a, const config::SideInfoEntry& b) {
+    return side_info_key(a) < side_info_key(b);
+  });
+}
+
 std::array<uint8_t, 8> side_info_key(const config::SideInfoEntry& entry) {
   std::array<uint8_t, 8> key;
   put_text(key.data(), 8, entry.sym_dest_name);

@@ -7,6 +7,8 @@
 #include <array>
 #include <cstdint>
 #include <map>
+#include <optional>
+#include <string>
 #include <vector>
 
 #include "nodeconfig/daemon_config.h"
@@ -41,6 +43,31 @@ std::array<uint8_t, 212> encode_side_info_entry(const config::SideInfoEntry& ent
 // The 8-byte key of an entry: its symbolic destination name padded with
 // blanks. Entries are listed in the byte order of their keys.
 std::array<uint8_t, 8> side_info_key(const config::SideInfoEntry& entry);
+
+// The side information the node serves: the configuration file's entries
+// with the operator's definitions and deletions on top. The operator's
+// changes last until the node stops; a reload replaces only the file's
+// entries, so a change still wins over a file entry of the same name.
+class SideInfoTable {
+ public:
+  explicit SideInfoTable(std::vector<config::SideInfoEntry> file_entries = {});
+  void set_file_entries(std::vector<config::SideInfoEntry> file_entries);
+  // Defines or replaces the entry of its name.
+  void define(config::SideInfoEntry entry);
+  // false when no entry has the name.
+  bool remove(const std::string& sym_dest_name);
+  // Every entry in force, sorted by the bytes of the name.
+  const std::vector<config::SideInfoEntry>& entries() const { return merged_; }
+  // Whether the entry in force under the name is the operator's.
+  bool operator_defined(const std::string& sym_dest_name) const;
+
+ private:
+  void merge();
+
+  std::vector<config::SideInfoEntry> file_;
+  std::map<std::string, std::optional<config::SideInfoEntry>> changes_;  // nullopt: deleted
+  std::vector<config::SideInfoEntry> merged_;
+};
 
 class SideInfoService {
  public:

@@ -254,6 +254,13 @@ const GoodCase kGood[] = {
        EXPECT_EQ(zed.password, "pa ss");
        EXPECT_EQ(zed.local_lu, "L1");
      }},
+    {"side info naming the built-in LU by its alias",
+     "[[side_info]]\nsym_dest_name = \"SELF\"\npartner_lu = \"LOCAL\"\nlocal_lu = \"LOCAL\"\n",
+     [](const DaemonConfig& c) {
+       ASSERT_EQ(c.side_info.size(), 1u);
+       EXPECT_EQ(c.side_info[0].partner_lu, "LOCAL");
+       EXPECT_EQ(c.side_info[0].local_lu, "LOCAL");
+     }},
     {"TP definitions and their programs",
      "[[tp]]\n"
      "name = \"ECHO\"\n"

@@ -421,6 +421,59 @@ TEST_F(ConfigTest, SighupReloadsAndABadFileKeepsTheOld) {
   EXPECT_EQ(query_primary(c, "BROKEN"), 2);
 }
 
+TEST_F(ConfigTest, OperatorSideInformationOutlivesAReload) {
+  const std::string file_entry =
+      "[[side_info]]\nsym_dest_name = \"FILEDEST\"\npartner_lu = \"NETWORK.LOCAL\"\ntp_name = \"T\"\n";
+  start(file_entry);
+  WireClient c, op;
+  connect(c);
+  connect(op, wire::kHelloOperator);
+  auto ask = [&](const std::string& request) {
+    auto text = op.operator_command(request);
+    EXPECT_TRUE(text);
+    return text ? nlohmann::json::parse(*text, nullptr, false) : nlohmann::json();
+  };
+  const nlohmann::json ok = {{"ok", true}};
+  EXPECT_EQ(ask(R"({"command":"sideinfo_define","entry":{"sym_dest_name":"OPDEST","partner_lu":"LOCAL",)"
+                R"("tp_name":"OPTP","security":"program","user_id":"ALICE","password":"PSSST"}})"),
+            ok);
+  EXPECT_EQ(ask(R"({"command":"sideinfo_define","entry":{"sym_dest_name":"FILEDEST","partner_lu":"LOCAL",)"
+                R"("tp_name":"OVER"}})"),
+            ok);
+  EXPECT_EQ(ask(R"({"command":"sideinfo_define","entry":{"sym_dest_name":"BAD","mode":"NOMODE"}})"),
+            nlohmann::json({{"error", "side information mode \"NOMODE\" is not a defined mode"}}));
+  EXPECT_EQ(query_primary(c, "OPDEST"), 0);
+  EXPECT_EQ(query_primary(c, "BAD"), 2);
+
+  // The file changes: a new entry, and FILEDEST still there under the
+  // operator's definition.
+  write_file(config_, file_entry + "\n[[side_info]]\nsym_dest_name = \"NEWFILE\"\npartner_lu = \"LOCAL\"\n"
+                                   "tp_name = \"T\"\n");
+  daemon_.signal(SIGHUP);
+  ASSERT_TRUE(wait_for_text(state_ + "/audit.log", "reloaded " + config_, 3000));
+  EXPECT_EQ(query_primary(c, "OPDEST"), 0);
+  EXPECT_EQ(query_primary(c, "NEWFILE"), 0);
+  nlohmann::json list = ask(R"({"command":"sideinfo"})");
+  std::vector<std::string> seen;
+  for (const auto& e : list["side_info"]) seen.push_back(e["sym_dest_name"].get<std::string>() + "/" +
+                                                         e["tp_name"].get<std::string>() + "/" +
+                                                         e["origin"].get<std::string>());
+  EXPECT_EQ(seen, (std::vector<std::string>{"FILEDEST/OVER/operator", "NEWFILE/T/file", "OPDEST/OPTP/operator"}));
+
+  EXPECT_EQ(ask(R"({"command":"sideinfo_delete","sym_dest_name":"OPDEST"})"), ok);
+  EXPECT_EQ(query_primary(c, "OPDEST"), 2);
+  EXPECT_EQ(ask(R"({"command":"sideinfo_delete","sym_dest_name":"OPDEST"})"),
+            nlohmann::json({{"error", "no side information entry named OPDEST"}}));
+  ASSERT_TRUE(wait_for_text(state_ + "/audit.log", "side information deleted by the operator: OPDEST", 3000));
+  const std::string audit = read_file(state_ + "/audit.log");
+  EXPECT_NE(audit.find("side information defined by the operator: OPDEST (partner LU LOCAL, mode -, TP OPTP, "
+                       "security program, user ALICE, password set)"),
+            std::string::npos)
+      << audit;
+  for (const std::string& log : {audit, read_file(state_ + "/problems.log"), daemon_.stderr_text()})
+    EXPECT_EQ(log.find("PSSST"), std::string::npos) << log;
+}
+
 TEST_F(ConfigTest, ProgramSecurityChecksTheUserTable) {
   start("[[security_user]]\nuser_id = \"ALICE\"\npassword_hash = \"" + config::hash_password("WONDER") + "\"\n");
   WireClient a, b;

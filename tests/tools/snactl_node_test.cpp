@@ -173,16 +173,134 @@ TEST_F(SnactlNode, SideInformationListAndShow) {
   }
 }
 
-TEST_F(SnactlNode, DefineAndDeleteAreRefusedByThisNode) {
-  RunResult r = snactl({"sideinfo", "define", "NEWDEST", "--partner-lu", "NETWORK.LOCAL",
-                        "--tp-name", "CPICPINGD"});
+TEST_F(SnactlNode, DefineAndDeleteInTheRunningNode) {
+  const std::vector<std::string> define_new = {"sideinfo", "define", "NEWDEST", "--partner-lu", "NETWORK.LOCAL",
+                                               "--mode", "#BATCH", "--tp-name", "CPICPINGD"};
+  struct Case {
+    const char* name;
+    std::vector<std::string> args;
+    std::string input;  // standard input
+    int status;
+    std::string out;    // text output
+    json answer;        // --json output (null: none)
+    std::string err;
+  };
+  const Case cases[] = {
+      {"define", define_new, "", 0, "side information NEWDEST defined\n", {{"ok", true}}, ""},
+      {"define again replaces", define_new, "", 0, "side information NEWDEST defined\n", {{"ok", true}}, ""},
+      {"secured, password from stdin",
+       {"sideinfo", "define", "SECNEW", "--partner-lu", "LOCAL", "--tp-name", "SECPINGD", "--security",
+        "program", "--user", tooltest::kPingUser, "--password", "-"},
+       std::string(tooltest::kPingPassword) + "\n", 0, "side information SECNEW defined\n", {{"ok", true}}, ""},
+      {"over a file entry",
+       {"sideinfo", "define", "PINGSIDE", "--partner-lu", "NETWORK.LOCAL", "--tp-name", "NOSUCHTP"}, "", 0,
+       "side information PINGSIDE defined\n", {{"ok", true}}, ""},
+      {"unknown mode",
+       {"sideinfo", "define", "BADDEST", "--partner-lu", "NETWORK.LOCAL", "--mode", "NOMODE", "--tp-name", "T"},
+       "", 1, "", nullptr, "snactl: sideinfo define: side information mode \"NOMODE\" is not a defined mode\n"},
+      {"unknown partner alias",
+       {"sideinfo", "define", "BADDEST", "--partner-lu", "NOBODY", "--tp-name", "T"}, "", 1, "", nullptr,
+       "snactl: sideinfo define: side information partner_lu \"NOBODY\" is not the alias of a defined LU\n"},
+      {"service TP not hex",
+       {"sideinfo", "define", "BADDEST", "--partner-lu", "LOCAL", "--tp-name", "PING", "--service-tp"}, "", 1,
+       "", nullptr, "snactl: sideinfo define: side information tp_name \"PING\" is not 8 hex digits (a service TP name)\n"},
+      {"password too long",
+       {"sideinfo", "define", "BADDEST", "--partner-lu", "LOCAL", "--tp-name", "T", "--security", "program",
+        "--user", "U", "--password", "ELEVENCHARS"},
+       "", 1, "", nullptr,
+       "snactl: sideinfo define: side information password is not 1-10 printable ASCII characters (no leading "
+       "or trailing blank)\n"},
+      {"no password on stdin",
+       {"sideinfo", "define", "BADDEST", "--partner-lu", "LOCAL", "--tp-name", "T", "--password", "-"}, "", 2,
+       "", nullptr, "snactl: no password on standard input\n"},
+      {"delete unknown", {"sideinfo", "delete", "NOSUCH"}, "", 1, "", nullptr,
+       "snactl: sideinfo delete: no side information entry named NOSUCH\n"},
+  };
+  for (bool as_json : {false, true}) {
+    for (const Case& c : cases) {
+      SCOPED_TRACE(std::string(c.name) + (as_json ? " (json)" : ""));
+      std::vector<std::string> args = c.args;
+      if (as_json) args.insert(args.begin(), "--json");
+      args.insert(args.begin(), {SNACTL_PATH, "--socket", node_.socket()});
+      RunResult r = tooltest::run(args, {}, c.input, 30000);
+      EXPECT_EQ(r.status, c.status) << r.err;
+      EXPECT_EQ(r.err, c.err);
+      if (!as_json) {
+        EXPECT_EQ(r.out, c.out);
+      } else if (c.answer.is_null()) {
+        EXPECT_EQ(r.out, "");
+      } else {
+        EXPECT_EQ(json::parse(r.out, nullptr, false), c.answer) << r.out;
+      }
+    }
+  }
+
+  // The list: the file's entries and the operator's, the password of
+  // neither shown.
+  const json list = snactl_json({"sideinfo", "list"});
+  const json& entries = list.at("side_info");
+  std::vector<std::string> names;
+  for (const json& e : entries) names.push_back(e.at("sym_dest_name").get<std::string>());
+  EXPECT_EQ(names, (std::vector<std::string>{"NEWDEST", "PINGSIDE", "SECNEW", "SECSIDE"}));
+  EXPECT_EQ(find_by(entries, "sym_dest_name", "PINGSIDE")->at("origin"), "operator");
+  EXPECT_EQ(find_by(entries, "sym_dest_name", "PINGSIDE")->at("tp_name"), "NOSUCHTP");
+  EXPECT_EQ(find_by(entries, "sym_dest_name", "SECSIDE")->at("origin"), "file");
+  const json* secured = find_by(entries, "sym_dest_name", "SECNEW");
+  ASSERT_NE(secured, nullptr);
+  EXPECT_EQ(secured->at("security"), "program");
+  EXPECT_EQ(secured->at("user_id"), tooltest::kPingUser);
+  EXPECT_EQ(secured->at("password_set"), true);
+  const RunResult text = snactl({"sideinfo", "list"});
+  ASSERT_EQ(text.status, 0);
+  const std::vector<std::string> lines = lines_of(text.out);
+  ASSERT_EQ(lines.size(), 5u) << text.out;
+  EXPECT_EQ(lines[1].rfind("  NEWDEST   NETWORK.LOCAL  #BATCH ", 0), 0u) << lines[1];
+  EXPECT_NE(lines[1].find(" operator"), std::string::npos) << lines[1];
+  const RunResult show = snactl({"sideinfo", "show", "SECNEW"});
+  EXPECT_NE(show.out.find("password_set:   yes\n"), std::string::npos) << show.out;
+  EXPECT_NE(show.out.find("origin:         operator\n"), std::string::npos) << show.out;
+  for (const std::string& seen : {text.out, list.dump(), show.out, snactl({"--json", "sideinfo", "show", "SECNEW"}).out,
+                                  tooltest::read_file(node_.state_dir() + "/audit.log"),
+                                  tooltest::read_file(node_.state_dir() + "/problems.log"), node_.daemon_log()})
+    EXPECT_EQ(seen.find(tooltest::kPingPassword), std::string::npos) << seen;
+  EXPECT_NE(tooltest::read_file(node_.state_dir() + "/audit.log")
+                .find("side information defined by the operator: SECNEW (partner LU LOCAL, mode -, TP SECPINGD, "
+                      "security program, user PINGUSER, password set)"),
+            std::string::npos);
+
+  // Programs find the entries through the node at once: the secured one
+  // carries its password to the partner's security check.
+  auto ping = [&](const std::string& dest) {
+    return tooltest::run({CPICPING_PATH, "-i", "1", "-q", dest}, node_.client_env(), "", 60000);
+  };
+  for (const char* dest : {"NEWDEST", "SECNEW"}) {
+    const RunResult p = ping(dest);
+    EXPECT_EQ(p.status, 0) << dest << ": " << p.out << p.err;
+    EXPECT_EQ(p.out.rfind("summary: 1 iterations of 1 x 100 bytes, ", 0), 0u) << dest << ": " << p.out;
+  }
+  RunResult p = ping("PINGSIDE");  // now names a TP that does not exist
+  EXPECT_EQ(p.status, 1);
+  EXPECT_NE(p.err.find("cpicping: CMRCV failed: CM_TPN_NOT_RECOGNIZED\n"), std::string::npos) << p.err;
+
+  // Deleted: the name is no longer side information, and not an LU either.
+  for (bool as_json : {false, true}) {
+    const std::string name = as_json ? "SECNEW" : "NEWDEST";
+    std::vector<std::string> args = {"sideinfo", "delete", name};
+    if (as_json) args.insert(args.begin(), "--json");
+    RunResult r = snactl(args);
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.err, "");
+    if (as_json)
+      EXPECT_EQ(json::parse(r.out, nullptr, false), json({{"ok", true}})) << r.out;
+    else
+      EXPECT_EQ(r.out, "side information NEWDEST deleted\n");
+    p = ping(name);
+    EXPECT_EQ(p.status, 1);
+    EXPECT_NE(p.err.find("cpicping: CMALLC failed: CM_PARAMETER_ERROR\n"), std::string::npos) << p.err;
+  }
+  RunResult r = snactl({"sideinfo", "show", "NEWDEST"});
   EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.err, "snactl: sideinfo define: not supported by this node\n");
-  r = snactl({"sideinfo", "delete", "PINGSIDE"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.err, "snactl: sideinfo delete: not supported by this node\n");
-  // Nothing changed.
-  EXPECT_EQ(snactl_json({"sideinfo", "list"}).at("side_info").size(), 2u);
+  EXPECT_EQ(r.err, "snactl: no side information entry named NEWDEST\n");
 }
 
 TEST_F(SnactlNode, TraceReachesTheApplications) {

@@ -149,9 +149,10 @@ int run_sideinfo_query(const Settings& s, const std::string& name) {
   return fail("no side information entry named " + name);
 }
 
-// Definition and deletion are offered to the node; a node whose operator
-// interface does not know them says so, and nothing is pretended.
-int run_sideinfo_change(const Settings& s, const std::string& verb, const json& command) {
+// Definition and deletion in the running node. An older node whose
+// operator interface does not know them says so, and nothing is pretended.
+int run_sideinfo_change(const Settings& s, const std::string& verb, const std::string& name,
+                        const json& command) {
   Session session;
   open_session(s, session);
   if (session.status) return session.status;
@@ -166,9 +167,18 @@ int run_sideinfo_change(const Settings& s, const std::string& verb, const json& 
   if (s.json_output) {
     print_raw(*reply);
   } else {
-    std::cout << "side information " << (verb == "define" ? "defined" : "deleted") << "\n";
+    std::cout << "side information " << name << (verb == "define" ? " defined" : " deleted") << "\n";
   }
   return 0;
+}
+
+// "--password -": the password is the first line of standard input, so
+// that it need not stand on a command line others can read.
+bool read_password(std::string& password) {
+  if (password != "-") return true;
+  if (!std::getline(std::cin, password)) return false;
+  if (!password.empty() && password.back() == '\r') password.pop_back();
+  return true;
 }
 
 int run_trace(const Settings& s, const std::string& state, const std::string& file) {
@@ -272,7 +282,10 @@ int main(int argc, char** argv) {
   std::string def_name, def_partner, def_mode, def_tp, def_security = "none", def_user,
                         def_password, def_local_lu;
   bool def_service = false;
-  CLI::App* define = sideinfo->add_subcommand("define", "define or replace an entry");
+  CLI::App* define = sideinfo->add_subcommand(
+      "define",
+      "define or replace an entry in the running node; it lasts until the node stops, outlives a "
+      "reload (SIGHUP) and overrides a file entry of the same name");
   define->add_option("NAME", def_name, "symbolic destination name (1-8 characters)")
       ->required()
       ->check([](const std::string& v) {
@@ -284,10 +297,11 @@ int main(int argc, char** argv) {
   define->add_flag("--service-tp", def_service, "the TP name is a service TP (8 hex digits)");
   define->add_option("--security", def_security, "none, same, program or program_strong")
       ->check(CLI::IsMember({"none", "same", "program", "program_strong"}));
-  define->add_option("--user-id", def_user, "security user ID");
-  define->add_option("--password", def_password, "security password");
+  define->add_option("--user,--user-id", def_user, "security user ID");
+  define->add_option("--password", def_password, "security password (\"-\": read it from standard input)");
   define->add_option("--local-lu", def_local_lu, "local LU alias");
-  CLI::App* del = sideinfo->add_subcommand("delete", "delete an entry");
+  CLI::App* del = sideinfo->add_subcommand(
+      "delete", "delete an entry in the running node (a file entry too, until the node stops)");
   del->add_option("NAME", delete_name, "symbolic destination name")->required();
 
   std::string trace_state, trace_file;
@@ -331,15 +345,22 @@ int main(int argc, char** argv) {
     if (sideinfo->got_subcommand("list")) return run_sideinfo_query(s, "");
     if (*show) return run_sideinfo_query(s, show_name);
     if (*define) {
-      json entry = {{"sym_dest_name", def_name}, {"partner_lu", def_partner},
-                    {"mode", def_mode},          {"tp_name", def_tp},
+      if (!read_password(def_password)) return fail("no password on standard input", kExitUsage);
+      json entry = {{"sym_dest_name", def_name},
+                    {"partner_lu", def_partner},
+                    {"tp_name", def_tp},
                     {"tp_name_type", def_service ? "service" : "application"},
-                    {"security", def_security},  {"user_id", def_user},
-                    {"password", def_password},  {"local_lu", def_local_lu}};
-      return run_sideinfo_change(s, "define", {{"command", "sideinfo_define"}, {"entry", entry}});
+                    {"security", def_security}};
+      // Keys not given are left out, as in a file.
+      if (!def_mode.empty()) entry["mode"] = def_mode;
+      if (!def_user.empty()) entry["user_id"] = def_user;
+      if (!def_password.empty()) entry["password"] = def_password;
+      if (!def_local_lu.empty()) entry["local_lu"] = def_local_lu;
+      return run_sideinfo_change(s, "define", def_name, {{"command", "sideinfo_define"}, {"entry", entry}});
     }
     if (*del)
-      return run_sideinfo_change(s, "delete", {{"command", "sideinfo_delete"}, {"name", delete_name}});
+      return run_sideinfo_change(s, "delete", delete_name,
+                                 {{"command", "sideinfo_delete"}, {"sym_dest_name", delete_name}});
   }
   if (*trace) return run_trace(s, trace_state, trace_file);
   if (*log) return run_log_tail(s, log_which, log_count, log_state_dir);

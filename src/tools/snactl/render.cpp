@@ -43,7 +43,8 @@ const std::vector<Column> kQueuedColumns = {
 const std::vector<Column> kSideInfoColumns = {
     {"sym_dest_name", "NAME"}, {"partner_lu", "PARTNER LU"}, {"mode", "MODE"},
     {"tp_name", "TP NAME"},    {"tp_name_type", "TP TYPE"},  {"security", "SECURITY"},
-    {"user_id", "USER ID"},    {"password_set", "PASSWORD"}, {"local_lu", "LOCAL LU"}};
+    {"user_id", "USER ID"},    {"password_set", "PASSWORD"}, {"local_lu", "LOCAL LU"},
+    {"origin", "ORIGIN"}};
 
 // Passwords are not shown, whatever the node sends.
 bool hidden(const std::string& key) { return key == "password"; }
