@@ -164,6 +164,13 @@ void Node::deliver_report(End& e, const Report& rep) {
     if (!keep) delete_end(conv);
     return;
   }
+  // An attach still waiting in a queue has reached no program: abended
+  // before that, it has nobody to tell and would only hand a later accept a
+  // dead conversation (and stay queued as long as the name is registered).
+  if (!e.has_tp && rep.kind == Report::Kind::kAbend) {
+    delete_end(e.conv_id);
+    return;
+  }
   InItem it;
   it.kind = InItem::Kind::kReport;
   it.report = rep;
