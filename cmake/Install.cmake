@@ -108,13 +108,25 @@ function(sna_install_daemon)
   include(GNUInstallDirs)
   install(TARGETS snanoded RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
   install(FILES ${PROJECT_SOURCE_DIR}/man/snanoded.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
-  configure_file(${PROJECT_SOURCE_DIR}/cmake/snanoded.service.in
-                 ${PROJECT_BINARY_DIR}/packaging/snanoded.service @ONLY)
-  install(FILES ${PROJECT_BINARY_DIR}/packaging/snanoded.service DESTINATION ${SNA_SYSTEMD_UNITDIR})
+  # The unit and the example configuration name the installed programs
+  # under the prefix the install really uses (`cmake --install --prefix P`
+  # differs from the configured one), so they are written at install time,
+  # into a directory of their own that the install rules below copy from.
+  set(_sna_at_install ${PROJECT_BINARY_DIR}/packaging/at-install)
+  install(CODE "
+    set(_sna_bindir \"${CMAKE_INSTALL_BINDIR}\")
+    if(NOT IS_ABSOLUTE \"\${_sna_bindir}\")
+      set(_sna_bindir \"\${CMAKE_INSTALL_PREFIX}/\${_sna_bindir}\")
+    endif()
+    set(CMAKE_INSTALL_FULL_BINDIR \"\${_sna_bindir}\")
+    configure_file(\"${PROJECT_SOURCE_DIR}/cmake/snanoded.service.in\"
+                   \"${_sna_at_install}/snanoded.service\" @ONLY)
+    configure_file(\"${PROJECT_SOURCE_DIR}/cmake/snanode.toml.in\"
+                   \"${_sna_at_install}/snanode.toml.example\" @ONLY)
+  ")
+  install(FILES ${_sna_at_install}/snanoded.service DESTINATION ${SNA_SYSTEMD_UNITDIR})
   install(FILES ${PROJECT_SOURCE_DIR}/cmake/snanode.sysusers.conf
           DESTINATION ${SNA_SYSUSERSDIR} RENAME snanode.conf)
-  configure_file(${PROJECT_SOURCE_DIR}/cmake/snanode.toml.in
-                 ${PROJECT_BINARY_DIR}/packaging/snanode.toml.example @ONLY)
-  install(FILES ${PROJECT_BINARY_DIR}/packaging/snanode.toml.example DESTINATION ${CMAKE_INSTALL_DOCDIR})
+  install(FILES ${_sna_at_install}/snanode.toml.example DESTINATION ${CMAKE_INSTALL_DOCDIR})
 endfunction()
 cmake_language(DEFER DIRECTORY ${PROJECT_SOURCE_DIR} CALL sna_install_daemon)

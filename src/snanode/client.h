@@ -91,6 +91,14 @@ bool autostart_allowed();
  * executable. Returns false when there is none. */
 bool find_daemon(const char *named, const char *library_file, const char *install_path,
                  const char *search_path, char *out, size_t size);
+/* The same, with the directories to look in beside the library given by
+ * `library_relative`: a colon-separated list of directories relative to
+ * the library's own (say "../../bin" for lib/<multiarch>), tried in order. */
+bool find_daemon(const char *named, const char *library_file, const char *library_relative,
+                 const char *install_path, const char *search_path, char *out, size_t size);
+/* What autostart passes as `library_relative`: the install's bin directory
+ * from its library directory, then the build tree's ../bin. */
+const char *daemon_dirs_beside_library();
 
 /* Connects to the daemon, starting one if nothing answers and autostart is
  * allowed, and exchanges HELLO. Returns 0 and the connected socket, or an

@@ -28,6 +28,12 @@ extern char **environ;
 #ifndef SNANODE_INSTALL_DAEMON
 #define SNANODE_INSTALL_DAEMON "/usr/local/bin/snanoded"
 #endif
+/* The install's bin directory seen from its library directory: "../bin"
+ * from lib or lib32, "../../bin" from lib/<multiarch>. Relative, so that a
+ * tree installed with another prefix, or moved, still finds its daemon. */
+#ifndef SNANODE_BINDIR_FROM_LIBDIR
+#define SNANODE_BINDIR_FROM_LIBDIR "../bin"
+#endif
 
 namespace snanode {
 
@@ -201,8 +207,9 @@ int autostart(const char *path) {
                             ? info.dli_fname
                             : nullptr;
   const char *search = getenv("PATH");
-  if (!find_daemon(getenv("SNANODE_DAEMON"), library, SNANODE_INSTALL_DAEMON,
-                   search ? search : "/usr/local/bin:/usr/bin:/bin", program, sizeof program))
+  if (!find_daemon(getenv("SNANODE_DAEMON"), library, daemon_dirs_beside_library(),
+                   SNANODE_INSTALL_DAEMON, search ? search : "/usr/local/bin:/usr/bin:/bin", program,
+                   sizeof program))
     return ENOENT;
 
   char socket_argument[PATH_MAX];
@@ -284,18 +291,37 @@ bool autostart_allowed() {
          strcmp(value, "false") != 0;
 }
 
+/* The installed layout first, then the build tree's (lib/ beside bin/). */
+const char *daemon_dirs_beside_library() { return SNANODE_BINDIR_FROM_LIBDIR ":../bin"; }
+
 bool find_daemon(const char *named, const char *library_file, const char *install_path,
                  const char *search_path, char *out, size_t size) {
+  return find_daemon(named, library_file, "../bin", install_path, search_path, out, size);
+}
+
+bool find_daemon(const char *named, const char *library_file, const char *library_relative,
+                 const char *install_path, const char *search_path, char *out, size_t size) {
   if (named && *named) {
     int n = snprintf(out, size, "%s", named);
     return n > 0 && static_cast<size_t>(n) < size;
   }
-  if (library_file && *library_file) {
+  if (library_file && *library_file && library_relative) {
     const char *slash = strrchr(library_file, '/');
-    int n = slash ? snprintf(out, size, "%.*s/../bin/snanoded",
-                             static_cast<int>(slash - library_file), library_file)
-                  : snprintf(out, size, "../bin/snanoded");
-    if (n > 0 && static_cast<size_t>(n) < size && executable(out)) return true;
+    int directory_length = slash ? static_cast<int>(slash - library_file) : 1;
+    const char *directory = slash ? library_file : ".";
+    const char *entry = library_relative;
+    for (;;) {
+      const char *end = strchr(entry, ':');
+      int length = end ? static_cast<int>(end - entry) : static_cast<int>(strlen(entry));
+      if (length > 0) {
+        int n = entry[0] == '/'
+                    ? snprintf(out, size, "%.*s/snanoded", length, entry)
+                    : snprintf(out, size, "%.*s/%.*s/snanoded", directory_length, directory, length, entry);
+        if (n > 0 && static_cast<size_t>(n) < size && executable(out)) return true;
+      }
+      if (!end) break;
+      entry = end + 1;
+    }
   }
   if (install_path && *install_path) {
     int n = snprintf(out, size, "%s", install_path);

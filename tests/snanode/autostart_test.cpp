@@ -140,4 +140,93 @@ TEST_F(Autostart, OffStartsNothing) {
   EXPECT_NE(stat((socket_ + ".report").c_str(), &info), 0) << "the program was started";
 }
 
+// The daemon beside the library in each install layout: bin/ seen from
+// lib/, lib32/ and lib/<multiarch>/, and the build tree's lib/ beside bin/
+// as the fallback the runtime adds.
+TEST(FindDaemonBesideTheLibrary, InstallLayouts) {
+  const std::string root = snanode_test::make_temp_dir();
+  auto make_dir = [](const std::string &path) {
+    std::error_code ignored;
+    std::filesystem::create_directories(path, ignored);
+  };
+  auto make_program = [](const std::string &path, mode_t mode) {
+    FILE *f = fopen(path.c_str(), "w");
+    ASSERT_NE(f, nullptr);
+    fclose(f);
+    chmod(path.c_str(), mode);
+  };
+  for (const char *dir : {"/usr/lib/x86_64-linux-gnu", "/usr/lib32", "/usr/bin", "/opt/lib", "/opt/bin",
+                          "/build/lib", "/build/bin", "/odd/lib/x86_64-linux-gnu", "/odd/bin",
+                          "/odd/lib/bin", "/libexec/sna"})
+    make_dir(root + dir);
+  make_program(root + "/usr/bin/snanoded", 0755);
+  make_program(root + "/opt/bin/snanoded", 0755);
+  make_program(root + "/build/bin/snanoded", 0755);
+  make_program(root + "/odd/bin/snanoded", 0644);  // not executable
+  make_program(root + "/odd/lib/bin/snanoded", 0755);
+  make_program(root + "/libexec/sna/snanoded", 0755);
+  const std::string absolute = root + "/libexec/sna";
+  struct Case {
+    const char *name;
+    std::string library;
+    const char *relative;
+    bool found;
+    std::string expect;
+  };
+  const Case cases[] = {
+      {"lib/<multiarch>", root + "/usr/lib/x86_64-linux-gnu/libsnanode.so", "../../bin:../bin", true,
+       root + "/usr/lib/x86_64-linux-gnu/../../bin/snanoded"},
+      {"lib32", root + "/usr/lib32/libsnanode.so", "../bin:../bin", true, root + "/usr/lib32/../bin/snanoded"},
+      {"lib", root + "/opt/lib/libsnanode.so", "../bin:../bin", true, root + "/opt/lib/../bin/snanoded"},
+      {"build tree after a multiarch install layout", root + "/build/lib/libsnanode.so", "../../bin:../bin", true,
+       root + "/build/lib/../bin/snanoded"},
+      {"first that is executable", root + "/odd/lib/x86_64-linux-gnu/libsnanode.so", "../../bin:../bin", true,
+       root + "/odd/lib/x86_64-linux-gnu/../bin/snanoded"},
+      {"absolute entry", root + "/opt/lib/libsnanode.so", absolute.c_str(), true,
+       root + "/libexec/sna/snanoded"},
+      {"empty entries skipped", root + "/opt/lib/libsnanode.so", "::../bin:", true,
+       root + "/opt/lib/../bin/snanoded"},
+      {"nothing beside: the install path", root + "/usr/lib32/libsnanode.so", "../../bin", true,
+       root + "/build/bin/snanoded"},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.name);
+    char out[4096];
+    const std::string install = root + "/build/bin/snanoded";
+    const bool found =
+        snanode::find_daemon(nullptr, c.library.c_str(), c.relative, install.c_str(), "", out, sizeof out);
+    EXPECT_EQ(found, c.found);
+    if (found) {
+      EXPECT_EQ(std::string(out), c.expect);
+    }
+  }
+  // Nothing anywhere.
+  char out[4096];
+  EXPECT_FALSE(snanode::find_daemon(nullptr, (root + "/usr/lib32/libsnanode.so").c_str(), "../../bin",
+                                    (root + "/none").c_str(), "", out, sizeof out));
+  EXPECT_STREQ(out, "");
+  std::error_code ignored;
+  std::filesystem::remove_all(root, ignored);
+}
+
+// The layout this build installs: the runtime's own lookup finds bin/
+// from the library directory chosen at configure time.
+TEST(FindDaemonBesideTheLibrary, ThisBuildsInstallLayout) {
+  const std::string root = snanode_test::make_temp_dir();
+  const std::string libdir = root + "/" + SNA_INSTALL_LIBDIR, bindir = root + "/" + SNA_INSTALL_BINDIR;
+  std::error_code ignored;
+  std::filesystem::create_directories(libdir, ignored);
+  std::filesystem::create_directories(bindir, ignored);
+  const std::string daemon = bindir + "/snanoded";
+  FILE *f = fopen(daemon.c_str(), "w");
+  ASSERT_NE(f, nullptr);
+  fclose(f);
+  chmod(daemon.c_str(), 0755);
+  char out[4096];
+  ASSERT_TRUE(snanode::find_daemon(nullptr, (libdir + "/libsnanode.so").c_str(), snanode::daemon_dirs_beside_library(), "",
+                                   "", out, sizeof out));
+  EXPECT_EQ(std::filesystem::canonical(out), std::filesystem::canonical(daemon));
+  std::filesystem::remove_all(root, ignored);
+}
+
 }  // namespace

@@ -54,8 +54,22 @@ if [ "$have_daemon" = 1 ]; then
               'ExecReload=/bin/kill -HUP $MAINPID'; do
     grep -qxF "$line" "$unit" || fail "unit lacks: $line"
   done
-  grep -q '^ExecStart=/.*/snanoded --config /etc/snanode/snanode.toml --socket /run/snanode/socket --state-dir /var/lib/snanode$' "$unit" \
-    || fail "unit ExecStart"
+  # The unit names the daemon under the prefix of this install, not the
+  # configured one.
+  grep -qxF "ExecStart=$prefix/bin/snanoded --config /etc/snanode/snanode.toml --socket /run/snanode/socket --state-dir /var/lib/snanode" "$unit" \
+    || fail "unit ExecStart: $(grep '^ExecStart=' "$unit")"
+  grep -qxF "ExecStartPre=$prefix/bin/snanoded --check-config /etc/snanode/snanode.toml" "$unit" \
+    || fail "unit ExecStartPre: $(grep '^ExecStartPre=' "$unit")"
+  grep -qxF "program = \"$prefix/bin/cpicpingd\"" "$prefix/share/doc/cpic/snanode.toml.example" \
+    || fail "example configuration names another cpicpingd"
+  # With DESTDIR the files land under it but name the final place.
+  if DESTDIR=$work/dest cmake --install "$build" --prefix /opt/sna-test > "$work/install-destdir.log" 2>&1; then
+    grep -qxF "ExecStart=/opt/sna-test/bin/snanoded --config /etc/snanode/snanode.toml --socket /run/snanode/socket --state-dir /var/lib/snanode" \
+      "$work/dest/opt/sna-test/lib/systemd/system/snanoded.service" || fail "unit ExecStart with DESTDIR"
+  else
+    cat "$work/install-destdir.log"
+    fail "cmake --install with DESTDIR"
+  fi
   # The example configuration is one the daemon accepts; its group exists
   # only where the system node is set up, so without it the rest is checked.
   example=$prefix/share/doc/cpic/snanode.toml.example
@@ -83,6 +97,25 @@ if [ "$have_daemon" = 1 ]; then
   fi
   kill "$node" 2> /dev/null
   wait "$node"
+
+  # Autostart from the installed tree: no node running, no daemon named,
+  # none on PATH; the runtime finds bin/snanoded from its $libdir.
+  (
+    failures=0
+    unset SNANODE_DAEMON SNANODE_AUTOSTART
+    export SNANODE_SOCKET=$work/auto.socket SNANODE_STATE_DIR=$work/auto-state PATH=/usr/bin:/bin
+    out=$("$prefix/bin/cpicping" -i 1 -q NETWORK.LOCAL 2>&1) || fail "autostarted cpicping: $out"
+    [[ "$out" == "summary: 1 iterations of 1 x 100 bytes, "* ]] || fail "autostarted cpicping output: $out"
+    pid=$("$prefix/bin/snactl" status 2> /dev/null | sed -n '1s/^Node .* (pid \([0-9]*\))$/\1/p')
+    if [ -n "$pid" ]; then
+      exe=$(readlink -f "/proc/$pid/exe")
+      [ "$exe" = "$(readlink -f "$prefix/bin/snanoded")" ] || fail "autostart ran $exe, not the installed daemon"
+      "$prefix/bin/snactl" stop > /dev/null || fail "stopping the autostarted node"
+    else
+      fail "no autostarted node answers at $SNANODE_SOCKET"
+    fi
+    exit "$failures"
+  ) || failures=$((failures + $?))
 fi
 
 # The installed programs find the installed libraries.
