@@ -102,8 +102,22 @@ if [ -n "$server_pid" ]; then
   printer_pid=""
 fi
 
+node_rc=0
+if [ -n "$node_pid" ]; then
+  # The node started here must end cleanly too: status 0 on SIGTERM, and
+  # no sanitizer report in its log.
+  kill -TERM "$node_pid" 2>/dev/null
+  wait "$node_pid" || node_rc=$?
+  node_pid=""
+fi
+
 cat "$output"
 status=0
+if [ "$node_rc" -ne 0 ] || grep -Eq "Sanitizer|runtime error" "$work/node.log" 2>/dev/null; then
+  echo "FAIL: the node exited with status $node_rc:"
+  cat "$work/node.log"
+  status=1
+fi
 [ "$client_rc" -eq 0 ] || { echo "FAIL: $1 exited with status $client_rc"; status=1; }
 [ "$server_rc" -eq 0 ] || { echo "FAIL: the partner exited with status $server_rc"; status=1; }
 for expect in "${expects[@]}"; do

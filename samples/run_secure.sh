@@ -4,7 +4,8 @@
 # snanoded --hash-password, and the TP SECURESRV with security_required.
 #   run_secure.sh BIN_DIR SNANODED
 set -u
-bin=$1
+# Absolute: the configuration names echo_server by its full path.
+bin=$(cd "$1" && pwd) || exit 1
 daemon=$2
 user=SAMPLEU
 password=sesame12
