@@ -198,7 +198,9 @@ void Section::bad(const char* key, const std::string& what) {
 
 void Section::allow_only(std::initializer_list<const char*> keys) {
   for (auto&& [k, v] : table_) {
-    const bool known = std::any_of(keys.begin(), keys.end(), [&](const char* a) { return k.str() == a; });
+    // An init-capture: some compilers cannot capture a structured binding.
+    const bool known =
+        std::any_of(keys.begin(), keys.end(), [&key = k](const char* a) { return key.str() == a; });
     if (!known) {
       const int l = k.source().begin.line ? line_of(k.source()) : line_of(v.source());
       loader_.fail(l, "unknown key " + quoted(std::string(k.str())) + " in " + label_);
@@ -666,7 +668,8 @@ DaemonConfig Loader::load(const toml::table& root) {
                                         "side_info", "tp",       "security_user"};
   for (auto&& [k, v] : root) {
     const bool known =
-        std::any_of(std::begin(kTables), std::end(kTables), [&](const char* n) { return k.str() == n; });
+        std::any_of(std::begin(kTables), std::end(kTables),
+                    [&key = k](const char* n) { return key.str() == n; });
     if (!known) {
       const int l = k.source().begin.line ? line_of(k.source()) : line_of(v.source());
       fail(l, (v.is_table() || v.is_array_of_tables() ? "unknown table " : "unknown key ") +
@@ -712,6 +715,82 @@ bool read_file(const std::string& path, std::string& out) {
   return true;
 }
 
+// The TOML library (3.3) reaches an unreachable point, undefined
+// behaviour, when it tests some non-ASCII characters for whitespace: it
+// does so outside strings and comments, and after a line-ending backslash
+// in a multi-line basic string. Such characters are refused there before
+// the library sees them; outside strings and comments no non-ASCII
+// character is valid TOML anyway.
+bool toml_library_safe(const std::string& text, int& line, std::string& reason) {
+  enum class In { kCode, kComment, kBasic, kLiteral, kMultiBasic, kMultiLiteral };
+  In in = In::kCode;
+  line = 1;
+  const size_t n = text.size();
+  auto at = [&](size_t i) { return i < n ? text[i] : '\0'; };
+  auto triple = [&](size_t i, char q) { return at(i) == q && at(i + 1) == q && at(i + 2) == q; };
+  for (size_t i = 0; i < n; ++i) {
+    const char c = text[i];
+    if (c == '\n') {
+      ++line;
+      if (in == In::kComment || in == In::kBasic || in == In::kLiteral) in = In::kCode;
+      continue;
+    }
+    switch (in) {
+      case In::kCode:
+        if (static_cast<unsigned char>(c) >= 0x80) {
+          reason = "non-ASCII character outside a string or comment";
+          return false;
+        }
+        if (c == '#') {
+          in = In::kComment;
+        } else if (c == '"' || c == '\'') {
+          const bool multi = triple(i, c);
+          in = c == '"' ? (multi ? In::kMultiBasic : In::kBasic) : (multi ? In::kMultiLiteral : In::kLiteral);
+          if (multi) i += 2;
+        }
+        break;
+      case In::kComment:
+        break;
+      case In::kBasic:
+        if (c == '\\' && at(i + 1) != '\n') ++i;
+        else if (c == '"') in = In::kCode;
+        break;
+      case In::kLiteral:
+        if (c == '\'') in = In::kCode;
+        break;
+      case In::kMultiBasic:
+        if (c == '\\') {
+          size_t j = i + 1;
+          if (at(j) != ' ' && at(j) != '\t' && at(j) != '\r' && at(j) != '\n') {
+            ++i;  // an escape: the next character is taken as it is
+            break;
+          }
+          // A line-ending backslash: the whitespace after it is trimmed.
+          while (at(j) == ' ' || at(j) == '\t' || at(j) == '\r' || at(j) == '\n') {
+            if (at(j) == '\n') ++line;
+            ++j;
+          }
+          if (static_cast<unsigned char>(at(j)) >= 0x80) {
+            reason = "non-ASCII character right after a line-ending backslash";
+            return false;
+          }
+          i = j - 1;
+        } else if (triple(i, '"')) {
+          in = In::kCode;
+          i += 2;
+        }
+        break;
+      case In::kMultiLiteral:
+        if (triple(i, '\'')) {
+          in = In::kCode;
+          i += 2;
+        }
+        break;
+    }
+  }
+  return true;
+}
+
 }  // namespace
 
 void add_ping_partner(DaemonConfig& c, const std::string& program) {
@@ -752,6 +831,7 @@ std::optional<DaemonConfig> load_config(const std::string& path, ConfigError& er
     error.reason = std::string("cannot read: ") + std::strerror(errno);
     return std::nullopt;
   }
+  if (!toml_library_safe(text, error.line, error.reason)) return std::nullopt;
   toml::table root;
   try {
     root = toml::parse(text, path);

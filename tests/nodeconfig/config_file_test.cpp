@@ -380,6 +380,12 @@ const BadCase kBad[] = {
     // The TOML parser's own findings.
     {"syntax: unterminated table header", "[node]\nname = \"N.A\"\n[local_lu\n", 3, "", false},
     {"syntax: key defined twice", "[node]\nidle_exit = 1\nidle_exit = 2\n", 3, "idle_exit", false},
+    // Characters the TOML library cannot test for whitespace safely.
+    {"non-ASCII where only ASCII may stand", "[node]\nidle_exit = 1\n\xC5\x8D-d\n", 3,
+     "non-ASCII character outside a string or comment"},
+    {"non-ASCII after a line-ending backslash",
+     "[[tp]]\nname = \"ECHO\"\nprogram = \"\"\"/bin/\\\n  \xC3\xBC\"\"\"\n", 4,
+     "non-ASCII character right after a line-ending backslash"},
     {"syntax: unterminated string", "\n\n[node]\nsocket = \"/x\n", 4, "", false},
     // Shape of the file.
     {"unknown table", "[node]\n\n[nodes]\nname = \"A\"\n", 3, "unknown table \"nodes\""},
@@ -636,6 +642,17 @@ TEST_P(ConfigBad, RefusedWithLineAndReason) {
 }
 
 INSTANTIATE_TEST_SUITE_P(ConfigTable, ConfigBad, ::testing::ValuesIn(kBad));
+
+TEST(ConfigGood, NonAsciiInStringsAndCommentsIsKept) {
+  TempFile f("# f\xC3\xBCr J\xC3\xBCrgen\n[[tp]]\nname = \"ECHO\" # \xC5\x8D\n"
+             "program = \"/opt/j\xC3\xBCrgen/tp\"\narguments = ['\xE3\x80\x81', \"\"\"\xC5\x8D\"\"\"]\n");
+  ConfigError err;
+  std::optional<DaemonConfig> cfg = load_config(f.path(), err);
+  ASSERT_TRUE(cfg.has_value()) << err.text();
+  ASSERT_EQ(cfg->programs.size(), 1u);
+  EXPECT_EQ(cfg->programs[0].program, "/opt/j\xC3\xBCrgen/tp");
+  EXPECT_EQ(cfg->programs[0].arguments, (std::vector<std::string>{"\xE3\x80\x81", "\xC5\x8D"}));
+}
 
 TEST(ConfigBad, MissingFileHasNoLine) {
   const std::string path = ::testing::TempDir() + "no-such-dir-for-nodeconfig/node.toml";
