@@ -45,6 +45,7 @@ namespace tn = cpic::trace_names;
 
 constexpr const char kTag[] = "CPIC ";
 constexpr uint32_t kMaxNameDump = 64;
+constexpr uint32_t kMaxBufferDump = 32767;
 
 // Offsets in the application's 124-byte side-information entry.
 constexpr size_t kEntrySymDest = 0;
@@ -131,7 +132,10 @@ struct Record {
       return;
     }
     putf("---- Buffer at address %p ----", address);
-    dump(address, static_cast<uint32_t>(len));
+    // The record is written before the call checks the length: a length
+    // beyond the largest buffer any call takes is not trusted further.
+    dump(address, static_cast<uint32_t>(len) < kMaxBufferDump ? static_cast<uint32_t>(len)
+                                                                 : kMaxBufferDump);
   }
 
   // ---- characteristics from the CCCB ----------------------------------
@@ -344,13 +348,17 @@ void Record::request(uint32_t verb, const void *const *a) {
       chars();
       c_mode_name();
       break;
-    case 23:  // CMSPLN
+    case 23: {  // CMSPLN
       conv_id(a[0]);
-      name_with_length(" Partner LU name =", " Partner LU name length = %lu",
-                       a[1], a[2]);
+      // The call reads only as much of the name as the low 16 bits of the
+      // length say; neither does its record.
+      const uint32_t len = rd32(a[2]);
+      name_dump(" Partner LU name =", a[1], len & 0xFFFF);
+      putf(" Partner LU name length = %lu", static_cast<unsigned long>(len));
       chars();
       c_partner_lu();
       break;
+    }
     case 24:  // CMSPTR
       conv_id(a[0]);
       named(" Prepare to receive type = %s", tn::kPrepToReceiveType,

@@ -94,8 +94,9 @@ bool put_number(Output &out, const Spec &s, uintptr_t magnitude,
   } while (magnitude != 0 && ndigits < 16);
 
   int zeros = (s.precgiven && s.precision > ndigits) ? s.precision - ndigits : 0;
-  int textlen = (negative ? 1 : 0) + zeros + ndigits;
-  int padding = s.width > textlen ? s.width - textlen : 0;
+  // Wide enough for a sign and the largest precision together.
+  int64_t textlen = (negative ? 1 : 0) + int64_t{zeros} + ndigits;
+  int padding = s.width > textlen ? static_cast<int>(s.width - textlen) : 0;
   char padchar = s.zerofill ? '0' : ' ';
 
   if (!s.left && !out.pad(padchar, padding)) return false;
@@ -105,6 +106,14 @@ bool put_number(Output &out, const Spec &s, uintptr_t magnitude,
     if (!out.put(scratch[--ndigits])) return false;
   if (s.left && !out.pad(padchar, padding)) return false;
   return true;
+}
+
+// One more digit of a width or precision (which "*" may have made
+// negative); beyond what an int holds it stays at the int's bound, and the
+// limit or the buffer ends the output long before.
+int add_digit(int value, int digit) {
+  const int64_t v = int64_t{value} * 10 + digit;
+  return v > INT32_MAX ? INT32_MAX : v < INT32_MIN ? INT32_MIN : static_cast<int>(v);
 }
 
 bool put_signed(Output &out, const Spec &s, WordSource &src) {
@@ -186,9 +195,9 @@ int run_engine(char *dest, uint32_t limit, const char *fmt, WordSource src) {
         case '1': case '2': case '3': case '4': case '5':
         case '6': case '7': case '8': case '9':
           if (s.precgiven)
-            s.precision = s.precision * 10 + (c - '0');
+            s.precision = add_digit(s.precision, c - '0');
           else
-            s.width = s.width * 10 + (c - '0');
+            s.width = add_digit(s.width, c - '0');
           break;
         case '%':
           if (!out.put('%')) return out.count;

@@ -529,4 +529,42 @@ TEST(trace_records, OnlyLowSixteenBitsOfKindAndVerbCount) {
   EXPECT_EQ(fake::lines, want);
 }
 
+// Set_Partner_LU_Name takes the low 16 bits of its length; its record
+// dumps no more of the name than that.
+TEST(trace_records, PartnerLuNameDumpFollowsTheLowSixteenBits) {
+  fake::reset();
+  uint8_t id[8] = {1, 2, 3, 4, 0, 0, 0, 0};
+  const uint8_t name[5] = {'N', '.', 'L', 'U', '1'};
+  const struct {
+    int32_t length;
+    size_t dumped;
+  } cases[] = {{5, 5}, {0x10005, 5}, {static_cast<int32_t>(0xFFFF0005), 5}, {0x10000, 0}};
+  for (const auto& c : cases) {
+    fake::lines.clear();
+    int32_t length = c.length;
+    seputrcp(1, 23, nullptr, id, name, &length, nullptr, nullptr, nullptr);
+    ASSERT_GE(fake::lines.size(), 5u) << c.length;
+    EXPECT_EQ(fake::lines[3], " Partner LU name =") << c.length;
+    if (c.dumped != 0) {
+      EXPECT_EQ(fake::lines[4], fake::dump_text(name, c.dumped)) << c.length;
+    } else {
+      EXPECT_EQ(fake::lines[4].rfind(" Partner LU name length = ", 0), 0u) << c.length;
+    }
+  }
+}
+
+// Set_Log_Data and Send_Data are traced before their length is checked: a
+// length no call accepts dumps at most the largest buffer a call takes.
+TEST(trace_records, BufferDumpStopsAtTheLargestBuffer) {
+  fake::reset();
+  uint8_t id[8] = {1, 2, 3, 4, 0, 0, 0, 0};
+  std::vector<uint8_t> data(40000, 0x5A);
+  for (int32_t length : {32767, 32768, 40000, 0x7FFFFFFF}) {
+    fake::lines.clear();
+    seputrcp(1, 21, nullptr, id, data.data(), &length, nullptr, nullptr, nullptr);
+    ASSERT_GE(fake::lines.size(), 5u) << length;
+    EXPECT_EQ(fake::lines[4], fake::dump_text(data.data(), 32767)) << length;
+  }
+}
+
 }  // namespace

@@ -135,6 +135,12 @@ std::vector<Case> cases() {
       {"%d", {1}, "1", {}, 22},
       {"%d", {12}, "12", {}, 22},
       {"%d", {123}, "123\n", {}, 22},
+      // Widths and precisions of more digits than an int holds saturate
+      // (they overflowed before); "*" may make them negative first.
+      {"%99999999999d", {1}, "           \n", {}, 30},
+      {"%.99999999999d", {0xFFFFFFFB}, "-0000000000\n", {}, 30},
+      {"%*5d|", {static_cast<uint32_t>(-300000000), 7}, "7|"},
+      {"%.*9999999999s|", {0x7FFFFFFF, W("abc")}, "abc|"},
   };
 }
 
