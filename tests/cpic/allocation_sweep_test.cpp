@@ -28,19 +28,20 @@ using cpic::MSG_UNKNOWN_CONV_ID;
 
 // What a step belongs to: the program gives up the whole group when a step
 // of it fails.
-enum Group { kSideInfoConv, kBlankConv, kAccepted, kTerm, kGroups };
+enum Group { kSideInfoConv, kBlankConv, kNodeSideInfo, kAccepted, kTerm, kGroups };
 const char *const kGroupNames[kGroups] = {"side-information conversation",
                                           "blank-destination conversation",
-                                          "accepted conversation", "terminate"};
+                                          "the node's side information", "accepted conversation",
+                                          "terminate"};
 
 // What a step achieves when it succeeds.
 enum class Effect { None, DefinesSideInfo, RemovesSideInfo, MakesConv, EndsConv, RegistersName,
-                    ReleasesName, EndsContext };
+                    ReleasesName, EndsContext, CachesNodeEntry, HidesNodeEntry };
 
 struct ScriptRun;
 
 // A resource site a step reaches: the record it writes when the resource
-// is refused, and what the step then answers.
+// is refused (message 0: none), and what the step then answers.
 struct Site {
   uint32_t message;
   uint32_t sub_code;
@@ -48,6 +49,8 @@ struct Site {
   // A second record the refusal leads to, if any.
   uint32_t also_message = 0;
   uint32_t also_sub_code = 0;
+  // The block refused is one the library would have kept (a cache entry).
+  bool kept_block = false;
 };
 
 struct Step {
@@ -88,7 +91,12 @@ struct ScriptRun {
   // of that name), and the default TP name an accept registered stays
   // registered.
   bool tombstone = false, default_name = false;
-  int held() const { return (tombstone ? 1 : 0) + (default_name ? 1 : 0); }
+  // The node's entries: one read (and cached), one deleted (a tombstone).
+  int node_cached = 0;
+  bool node_hidden = false;
+  int held() const {
+    return (tombstone ? 1 : 0) + (default_name ? 1 : 0) + node_cached + (node_hidden ? 1 : 0);
+  }
   bool abandoned[kGroups] = {};
   // Receive outputs.
   unsigned char buffer[64] = {};
@@ -106,6 +114,8 @@ struct ScriptRun {
 
 const char kDest[] = "SWEEPDST";
 const char kServerName[] = "SWEEPSRV";
+const char kNodeDest[] = "NODEDEST";    // the node's, read by the program
+const char kNodeHidden[] = "NODEDST2";  // the node's, deleted by the program
 const uint8_t kTpA[8] = {0xA1, 1, 2, 3, 4, 5, 6, 7};
 const uint8_t kTpC[8] = {0xC1, 1, 2, 3, 4, 5, 6, 7};
 const uint8_t kTpB[8] = {0xB1, 1, 2, 3, 4, 5, 6, 7};
@@ -132,6 +142,29 @@ void fill_receive(void *b, uint16_t what, const char *data) {
   if (n != 0) std::memcpy(v->buffer, data, n);
   v->data_length = static_cast<uint16_t>(n);
   v->rts_received = 0;
+}
+
+void add_node_entry(const char *name) {
+  NOF_SIDE_INFO_ENTRY e;
+  std::memset(&e, 0, sizeof e);
+  std::memcpy(e.sym_dest_name, name, 8);
+  std::memset(e.partner_lu_name, ' ', 17);
+  std::memcpy(e.partner_lu_name, "NETA.LUB", 8);
+  std::memset(e.tp_name, ' ', 64);
+  std::memcpy(e.tp_name, "PAYROLL", 7);
+  std::memset(e.mode_name, ' ', 8);
+  std::memcpy(e.mode_name, "#INTER", 6);
+  e.security_type = CM_SECURITY_NONE;
+  std::memset(e.user_id, ' ', 10);
+  std::memset(e.password, ' ', 10);
+  testnode::add_node_side_info(e);
+}
+
+CM_INT32 extract_side_info(const char *name, XC_SIDE_INFO_ENTRY *out) {
+  CM_INT32 key = 0, len = sizeof *out, rc = -1;
+  std::memset(out, 0, sizeof *out);
+  XCMESI(&key, (unsigned char *)name, out, &len, &rc);
+  return rc;
 }
 
 CM_INT32 set_int(void (*fn)(unsigned char *, CM_INT32 *, CM_INT32 *), unsigned char *id,
@@ -334,6 +367,8 @@ std::vector<Step> script_for(const Variant &v) {
   s.push_back({"CMSPLN", C, [](ScriptRun &r) { return set_text(CMSPLN, r.conv[kBlankConv], "LUALIAS2"); }, CM_OK});
   s.push_back({"CMSMN", C, [](ScriptRun &r) { return set_text(CMSMN, r.conv[kBlankConv], "#INTER"); }, CM_OK});
   s.push_back({"CMSTPN", C, [](ScriptRun &r) { return set_text(CMSTPN, r.conv[kBlankConv], "SWEEPTP2"); }, CM_OK});
+  s.push_back({"CMSCT", C, [](ScriptRun &r) { return set_int(CMSCT, r.conv[kBlankConv], CM_BASIC_CONVERSATION); },
+               CM_OK});
   s.push_back({"CMALLC", C, [](ScriptRun &r) {
                  script_tp_started(kTpC);
                  script(r, VERB_ALLOCATE, [](void *b) { static_cast<VCB_HEADER *>(b)->conv_id = kConvC; });
@@ -342,13 +377,40 @@ std::vector<Step> script_for(const Variant &v) {
                  return rc;
                },
                CM_OK, Effect::None, {}, {}, nb});
+  s.push_back({"CMSLD", C, [](ScriptRun &r) { return set_text(CMSLD, r.conv[kBlankConv], "WHY IT ENDS"); },
+               CM_OK, Effect::None, {{MSG_RESOURCE_SHORTAGE, 11, CM_PRODUCT_SPECIFIC_ERROR}}});
+  s.push_back({"CMSDT", C, [](ScriptRun &r) { return set_int(CMSDT, r.conv[kBlankConv], CM_DEALLOCATE_ABEND); },
+               CM_OK});
   s.push_back({"CMSST", C, [](ScriptRun &r) { return set_int(CMSST, r.conv[kBlankConv], CM_SEND_AND_DEALLOCATE); },
                CM_OK});
-  s.push_back({"CMSEND and deallocate", C, [](ScriptRun &r) {
+  // The record goes as buffer data, then a deallocation carries a copy of
+  // the log data.
+  s.push_back({"CMSEND and deallocate with log data", C, [](ScriptRun &r) {
                  script(r, VERB_SEND_DATA);
                  return send_text(r, kBlankConv, "only record");
                },
-               CM_OK, Effect::EndsConv, {kNoTpEndedBlock}, {}, nb});
+               CM_OK, Effect::EndsConv,
+               {{MSG_RESOURCE_SHORTAGE, 0, CM_PRODUCT_SPECIFIC_ERROR}, kNoTpEndedBlock}, {}, nb});
+
+  // The node's side information: an entry read (the library caches it)
+  // and one deleted (the library hides it behind a tombstone).
+  s.push_back({"XCMESI from the node", kNodeSideInfo, [](ScriptRun &) {
+                 add_node_entry(kNodeDest);
+                 XC_SIDE_INFO_ENTRY out;
+                 return extract_side_info(kNodeDest, &out);
+               },
+               CM_OK, Effect::CachesNodeEntry,
+               // The cache costs only itself: the caller's entry is filled
+               // either way, and a block it cannot get is not even logged.
+               {{0, 0, CM_OK, 0, 0, true}}, {{MSG_RESOURCE_SHORTAGE, 87, CM_OK, 0, 0, true}}});
+  s.push_back({"XCMDSI of the node's", kNodeSideInfo, [](ScriptRun &) {
+                 add_node_entry(kNodeHidden);
+                 CM_INT32 key = 0, rc = -1;
+                 XCMDSI(&key, (unsigned char *)kNodeHidden, &rc);
+                 return rc;
+               },
+               CM_OK, Effect::HidesNodeEntry, {{MSG_RESOURCE_SHORTAGE, 3, CM_PRODUCT_SPECIFIC_ERROR}},
+               {{MSG_RESOURCE_SHORTAGE, 4, CM_PRODUCT_SPECIFIC_ERROR}}});
 
   // The accepted conversation: under a name the program registers
   // (blocking), or under the default name registered by the accept.
@@ -455,6 +517,8 @@ void apply(ScriptRun &r, Group g, Effect e) {
     case Effect::RegistersName: r.name = true; break;
     case Effect::ReleasesName: r.name = false; break;
     case Effect::EndsContext: r.context = false; break;
+    case Effect::CachesNodeEntry: ++r.node_cached; break;
+    case Effect::HidesNodeEntry: r.node_hidden = true; break;
   }
 }
 
@@ -548,6 +612,17 @@ class AllocationSweep : public ::testing::TestWithParam<Variant> {
       CM_INT32 len = sizeof out;
       XCMESI(&key, (unsigned char *)kDest, &out, &len, &rc);
       expect("XCMESI of the removed or never defined name", rc, CM_PROGRAM_PARAMETER_CHECK);
+    }
+    if (g == kNodeSideInfo) {
+      // A deletion that failed left the node's entry in sight.
+      add_node_entry(kNodeHidden);
+      XC_SIDE_INFO_ENTRY out;
+      expect("XCMESI of the entry not deleted", extract_side_info(kNodeHidden, &out), CM_OK);
+      if (std::memcmp(out.sym_dest_name, kNodeHidden, 8) != 0) {
+        r.cleanup_failures.push_back("XCMESI gave another entry");
+      }
+      // Read from the node, it is cached now.
+      ++r.node_cached;
     }
     if (g == kAccepted && !r.variant->non_blocking) {
       CM_INT32 rc = tp_name_call(CMRLTP, kServerName);
@@ -653,7 +728,7 @@ void expect_outcome(const std::vector<Step> &steps, const ScriptRun &clean, cons
       // The step's own records: the clean run's plus exactly the site's.
       std::vector<std::string> want, have;
       for (const auto &rec : clean.records[i]) want.push_back(describe(rec));
-      want.push_back(describe({site->message, site->sub_code, "", {}}));
+      if (site->message != 0) want.push_back(describe({site->message, site->sub_code, "", {}}));
       if (site->also_message != 0) want.push_back(describe({site->also_message, site->also_sub_code, "", {}}));
       for (const auto &rec : got.records[i]) have.push_back(describe(rec));
       std::sort(want.begin(), want.end());
@@ -720,24 +795,17 @@ TEST_P(AllocationSweep, EveryResourceInTurn) {
   for (int k = 1; k <= n + 1; ++k) {
     SCOPED_TRACE("allocation " + std::to_string(k) + " of " + std::to_string(n) + " fails");
     const ScriptRun got = run(steps, Fail::Memory, k);
-    if (k <= n) {
-      expect_outcome(steps, clean, got, memory[static_cast<size_t>(k - 1)].step,
-                     memory[static_cast<size_t>(k - 1)].site);
-    } else {
-      expect_outcome(steps, clean, got, -1, nullptr);
-    }
-    expect_nothing_held(got.held());
+    const Site *site = k <= n ? memory[static_cast<size_t>(k - 1)].site : nullptr;
+    expect_outcome(steps, clean, got, k <= n ? memory[static_cast<size_t>(k - 1)].step : -1, site);
+    expect_nothing_held(got.held() - (site != nullptr && site->kept_block ? 1 : 0));
   }
   // Each handle-table entry in turn, and one past the last.
   for (size_t k = 1; k <= entries.size() + 1; ++k) {
     SCOPED_TRACE("table entry " + std::to_string(k) + " fails");
     const ScriptRun got = run(steps, Fail::Entry, static_cast<int>(k));
-    if (k <= entries.size()) {
-      expect_outcome(steps, clean, got, entries[k - 1].step, entries[k - 1].site);
-    } else {
-      expect_outcome(steps, clean, got, -1, nullptr);
-    }
-    expect_nothing_held(got.held());
+    const Site *site = k <= entries.size() ? entries[k - 1].site : nullptr;
+    expect_outcome(steps, clean, got, k <= entries.size() ? entries[k - 1].step : -1, site);
+    expect_nothing_held(got.held() - (site != nullptr && site->kept_block ? 1 : 0));
   }
   // The library's own start: its three tables, the path user, the wait
   // object. The first call meets the failure; the next starts it again.
