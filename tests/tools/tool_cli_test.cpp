@@ -286,16 +286,16 @@ TEST(SnactlCli, AgainstAStandInNode) {
         "#INTER", "--security", "program", "--user-id", "U", "--password", "P"},
        {FakeNode::Hello::kAccept, {R"({"error":"unknown command: sideinfo_define"})"}},
        1, "", "snactl: sideinfo define: not supported by this node\n",
-       R"({"command":"sideinfo_define","entry":{"local_lu":"","mode":"#INTER",)"
+       R"({"command":"sideinfo_define","entry":{"mode":"#INTER",)"
        R"("partner_lu":"NET.LU","password":"P","security":"program","sym_dest_name":"NEWDEST",)"
        R"("tp_name":"TP1","tp_name_type":"application","user_id":"U"}})"},
       {"delete refused as unknown", {"sideinfo", "delete", "OLD"},
        {FakeNode::Hello::kAccept, {R"({"error":"unknown command: sideinfo_delete"})"}},
        1, "", "snactl: sideinfo delete: not supported by this node\n",
-       R"({"command":"sideinfo_delete","name":"OLD"})"},
+       R"({"command":"sideinfo_delete","sym_dest_name":"OLD"})"},
       {"define accepted", {"sideinfo", "define", "N", "--partner-lu", "L", "--tp-name", "T"},
        {FakeNode::Hello::kAccept, {R"({"ok":true})"}},
-       0, "side information defined\n", "", nullptr},
+       0, "side information N defined\n", "", nullptr},
       {"define error", {"sideinfo", "define", "N", "--partner-lu", "L", "--tp-name", "T"},
        {FakeNode::Hello::kAccept, {R"({"error":"partner_lu: no such LU"})"}},
        1, "", "snactl: sideinfo define: partner_lu: no such LU\n", nullptr},
