@@ -2,7 +2,8 @@
 // a client and a partner that registered its TP name, and the daemon
 // afterwards holding what it held after the first thousand: memory within
 // a tolerance, exactly the same descriptors, no conversation, session in
-// use or TP left behind.
+// use or TP left behind. The two programs' memory and descriptors are held
+// to the same, for the runtime libraries in them.
 //
 // SNA_SOAK_CONVERSATIONS sets the count (100000 when unset).
 #include <gtest/gtest.h>
@@ -93,7 +94,17 @@ struct Sample {
   long rss_kib;
   int fds;
   nlohmann::json status;
+  // The two programs' own: their runtime libraries run every conversation too.
+  long client_rss_kib = -1, server_rss_kib = -1;
+  int client_fds = -1, server_fds = -1;
 };
+
+void add_programs(Sample &s, const Process &client, const Process &server) {
+  s.client_rss_kib = vm_rss_kib(client.pid());
+  s.server_rss_kib = vm_rss_kib(server.pid());
+  s.client_fds = open_fd_count(client.pid());
+  s.server_fds = open_fd_count(server.pid());
+}
 
 size_t sessions_in_use(const nlohmann::json &status) {
   size_t n = 0;
@@ -142,18 +153,22 @@ TEST(Soak, ManyConversationsThroughOneDaemon) {
   const auto started = Clock::now();
   ASSERT_TRUE(client->expect("at " + std::to_string(first), &why, budget_ms(first)))
       << why << client->stderr_text() << server->transcript();
-  const Sample after_first = sample(d, channel);
+  Sample after_first = sample(d, channel);
+  add_programs(after_first, *client, *server);
   if (first < count) {
     ASSERT_TRUE(client->send("go"));
     ASSERT_TRUE(client->expect("at " + std::to_string(count), &why, budget_ms(count - first)))
         << why << client->stderr_text() << server->transcript();
   }
   const int took_ms = elapsed_ms(started);
-  const Sample at_end = sample(d, channel);
+  Sample at_end = sample(d, channel);
+  add_programs(at_end, *client, *server);
   std::printf("soak: %ld conversations in %.1f s (%.0f per second); daemon VmRSS %ld KiB after %ld, "
               "%ld KiB at the end; descriptors %d and %d\n",
               count, took_ms / 1000.0, took_ms > 0 ? count * 1000.0 / took_ms : 0.0,
               after_first.rss_kib, first, at_end.rss_kib, after_first.fds, at_end.fds);
+  std::printf("soak: client VmRSS %ld and %ld KiB, partner %ld and %ld KiB\n", after_first.client_rss_kib,
+              at_end.client_rss_kib, after_first.server_rss_kib, at_end.server_rss_kib);
 
   // Between conversations: none open, no session in use, the client's and
   // the partner's connections the only ones, at most the partner's TP.
@@ -174,6 +189,8 @@ TEST(Soak, ManyConversationsThroughOneDaemon) {
     EXPECT_LE(s->status["sessions"].size(), 2u) << s->status["sessions"].dump();
   }
   EXPECT_EQ(at_end.fds, after_first.fds) << "descriptors grew in the daemon";
+  EXPECT_EQ(at_end.client_fds, after_first.client_fds) << "descriptors grew in the client";
+  EXPECT_EQ(at_end.server_fds, after_first.server_fds) << "descriptors grew in the partner";
 #if E2E_SANITIZED
   // The sanitizer's quarantine and shadow memory hold freed blocks back
   // for a while and grow with use, so the resident size says nothing about
@@ -186,9 +203,15 @@ TEST(Soak, ManyConversationsThroughOneDaemon) {
   // few dozen bytes per conversation exceeds that over 100,000.
   // Only a run several times longer than the first thousand says anything.
   if (count >= 5 * first) {
-    const long allowed = 2048 + after_first.rss_kib / 20;
-    EXPECT_LE(at_end.rss_kib, after_first.rss_kib + allowed)
+    auto within = [](long before, long after) { return after <= before + 2048 + before / 20; };
+    EXPECT_TRUE(within(after_first.rss_kib, at_end.rss_kib))
         << "daemon VmRSS grew from " << after_first.rss_kib << " KiB to " << at_end.rss_kib << " KiB";
+    EXPECT_TRUE(within(after_first.client_rss_kib, at_end.client_rss_kib))
+        << "client VmRSS grew from " << after_first.client_rss_kib << " KiB to "
+        << at_end.client_rss_kib << " KiB";
+    EXPECT_TRUE(within(after_first.server_rss_kib, at_end.server_rss_kib))
+        << "partner VmRSS grew from " << after_first.server_rss_kib << " KiB to "
+        << at_end.server_rss_kib << " KiB";
   }
 #endif
 
