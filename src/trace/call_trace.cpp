@@ -55,6 +55,8 @@ constexpr size_t kEntryTpName = 32;
 constexpr size_t kEntryModeName = 96;
 constexpr size_t kEntrySecurityType = 104;
 constexpr size_t kEntryUserId = 108;
+// What a record reads of an entry: everything before the password.
+constexpr size_t kEntryShown = kEntryUserId + 8;
 
 uint32_t rd32(const void *p) {
   if (p == nullptr) return 0;
@@ -417,7 +419,10 @@ void Record::request(uint32_t verb, const void *const *a) {
       c_user_id();
       break;
     case 38:  // XCMSSI
-      side_info_entry(a[1]);
+      // Written before the call checks the length: an entry said to be
+      // shorter than the part a record shows is not read.
+      if (static_cast<int32_t>(rd32(a[2])) >= static_cast<int32_t>(kEntryShown))
+        side_info_entry(a[1]);
       putf(" Entry length = %lu", static_cast<unsigned long>(rd32(a[2])));
       break;
     case 39:  // CMTERM

@@ -437,4 +437,29 @@ TEST_F(SetCallTraceUnknown, TracingOffWritesNothing) {
   EXPECT_TRUE(testnode::trace_lines().empty());
 }
 
+// ---- Side-information entries of the wrong length are not read ----------
+//
+// The calls refuse a length other than 124; their records must not read
+// the entry either, since the buffer may be shorter.
+using SideInfoCallTrace = cpictest::LibraryTest;
+
+TEST_F(SideInfoCallTrace, WrongEntryLengthIsNotShown) {
+  testnode::set_trace_file(1);
+  testnode::trace_control()[0] = 0x20;
+  unsigned char entry[30];
+  std::memset(entry, 'E', sizeof entry);
+  CM_INT32 key = 0, length = 30, rc = -1;
+  xcmssi(&key, reinterpret_cast<XC_SIDE_INFO_ENTRY *>(entry), &length, &rc);
+  EXPECT_EQ(rc, CM_PROGRAM_PARAMETER_CHECK);
+  xcmesi(&key, (unsigned char *)"MYSYM   ", reinterpret_cast<XC_SIDE_INFO_ENTRY *>(entry), &length, &rc);
+  EXPECT_EQ(rc, CM_PROGRAM_PARAMETER_CHECK);
+  int responses = 0;
+  for (const auto &l : testnode::trace_lines()) {
+    EXPECT_EQ(l.find("Partner LU name"), std::string::npos) << l;
+    if (l.find(" response, result = CM_PROGRAM_PARAMETER_CHECK") != std::string::npos) ++responses;
+  }
+  EXPECT_EQ(responses, 2);
+  testnode::trace_control()[0] = 0;
+}
+
 }  // namespace

@@ -553,6 +553,22 @@ TEST(trace_records, PartnerLuNameDumpFollowsTheLowSixteenBits) {
   }
 }
 
+// Set_CPIC_Side_Information is traced before its length is checked: an
+// entry said to be shorter than the 116 bytes a record shows (all but the
+// password) is not read.
+TEST(trace_records, SideInfoEntryShorterThanOneIsNotRead) {
+  fake::reset();
+  const uint8_t entry[115] = {'S', 'Y', 'M', ' ', ' ', ' ', ' ', ' '};
+  for (int32_t length : {115, 30, 0, -124}) {
+    fake::lines.clear();
+    int32_t key = 0;
+    seputrcp(1, 38, nullptr, &key, entry, &length, nullptr, nullptr, nullptr);
+    const std::vector<std::string> want = {"SEP", "XCMSSI request",
+                                           " Entry length = " + std::to_string(static_cast<uint32_t>(length))};
+    EXPECT_EQ(fake::lines, want);
+  }
+}
+
 // Set_Log_Data and Send_Data are traced before their length is checked: a
 // length no call accepts dumps at most the largest buffer a call takes.
 TEST(trace_records, BufferDumpStopsAtTheLargestBuffer) {
