@@ -120,10 +120,13 @@ struct Record {
     if (static_cast<int32_t>(length) <= 0) return;
     dump(nm, length < kMaxNameDump ? length : kMaxNameDump);
   }
+  // low_16_bits: the call takes only the low 16 bits of the length (the
+  // LU name calls), and its record reads no more of the name than it does.
   void name_with_length(const char *label, const char *length_fmt,
-                        const void *nm, const void *length) {
+                        const void *nm, const void *length,
+                        bool low_16_bits = false) {
     uint32_t len = rd32(length);
-    name_dump(label, nm, len);
+    name_dump(label, nm, low_16_bits ? len & 0xFFFF : len);
     putf(length_fmt, static_cast<unsigned long>(len));
   }
 
@@ -350,17 +353,13 @@ void Record::request(uint32_t verb, const void *const *a) {
       chars();
       c_mode_name();
       break;
-    case 23: {  // CMSPLN
+    case 23:  // CMSPLN
       conv_id(a[0]);
-      // The call reads only as much of the name as the low 16 bits of the
-      // length say; neither does its record.
-      const uint32_t len = rd32(a[2]);
-      name_dump(" Partner LU name =", a[1], len & 0xFFFF);
-      putf(" Partner LU name length = %lu", static_cast<unsigned long>(len));
+      name_with_length(" Partner LU name =", " Partner LU name length = %lu",
+                       a[1], a[2], true);
       chars();
       c_partner_lu();
       break;
-    }
     case 24:  // CMSPTR
       conv_id(a[0]);
       named(" Prepare to receive type = %s", tn::kPrepToReceiveType,
@@ -451,7 +450,7 @@ void Record::request(uint32_t verb, const void *const *a) {
     case 62:  // CMSLLN
       conv_id(a[0]);
       name_with_length(" Local LU name =", " Local LU name length = %lu", a[1],
-                       a[2]);
+                       a[2], true);
       break;
     default:  // the calls whose request shows the conversation ID alone
       conv_id(a[0]);

@@ -529,9 +529,9 @@ TEST(trace_records, OnlyLowSixteenBitsOfKindAndVerbCount) {
   EXPECT_EQ(fake::lines, want);
 }
 
-// Set_Partner_LU_Name takes the low 16 bits of its length; its record
-// dumps no more of the name than that.
-TEST(trace_records, PartnerLuNameDumpFollowsTheLowSixteenBits) {
+// Set_Partner_LU_Name and Set_Local_LU_Name take the low 16 bits of their
+// length; their records dump no more of the name than that.
+TEST(trace_records, LuNameDumpsFollowTheLowSixteenBits) {
   fake::reset();
   uint8_t id[8] = {1, 2, 3, 4, 0, 0, 0, 0};
   const uint8_t name[5] = {'N', '.', 'L', 'U', '1'};
@@ -539,16 +539,18 @@ TEST(trace_records, PartnerLuNameDumpFollowsTheLowSixteenBits) {
     int32_t length;
     size_t dumped;
   } cases[] = {{5, 5}, {0x10005, 5}, {static_cast<int32_t>(0xFFFF0005), 5}, {0x10000, 0}};
-  for (const auto& c : cases) {
-    fake::lines.clear();
-    int32_t length = c.length;
-    seputrcp(1, 23, nullptr, id, name, &length, nullptr, nullptr, nullptr);
-    ASSERT_GE(fake::lines.size(), 5u) << c.length;
-    EXPECT_EQ(fake::lines[3], " Partner LU name =") << c.length;
-    if (c.dumped != 0) {
-      EXPECT_EQ(fake::lines[4], fake::dump_text(name, c.dumped)) << c.length;
-    } else {
-      EXPECT_EQ(fake::lines[4].rfind(" Partner LU name length = ", 0), 0u) << c.length;
+  for (uint32_t verb : {23u, 62u}) {
+    for (const auto& c : cases) {
+      fake::lines.clear();
+      int32_t length = c.length;
+      seputrcp(1, verb, nullptr, id, name, &length, nullptr, nullptr, nullptr);
+      ASSERT_GE(fake::lines.size(), 5u) << verb << " " << c.length;
+      EXPECT_NE(fake::lines[3].find(" LU name ="), std::string::npos) << verb << " " << c.length;
+      if (c.dumped != 0) {
+        EXPECT_EQ(fake::lines[4], fake::dump_text(name, c.dumped)) << verb << " " << c.length;
+      } else {
+        EXPECT_NE(fake::lines[4].find(" LU name length = "), std::string::npos) << verb << " " << c.length;
+      }
     }
   }
 }
