@@ -122,12 +122,18 @@ struct Record {
   }
   // low_16_bits: the call takes only the low 16 bits of the length (the
   // LU name calls), and its record reads no more of the name than it does.
+  // most: the longest name the call writes (an extract call's buffer need
+  // be no longer; the length it reports may be the stored one, or the
+  // caller's own value when the call failed).
   void name_with_length(const char *label, const char *length_fmt,
                         const void *nm, const void *length,
-                        bool low_16_bits = false) {
+                        bool low_16_bits = false,
+                        uint32_t most = kMaxNameDump) {
     uint32_t len = rd32(length);
-    name_dump(label, nm, low_16_bits ? len & 0xFFFF : len);
-    putf(length_fmt, static_cast<unsigned long>(len));
+    if (low_16_bits) len &= 0xFFFF;
+    if (static_cast<int32_t>(len) > 0 && len > most) len = most;
+    name_dump(label, nm, len);
+    putf(length_fmt, static_cast<unsigned long>(rd32(length)));
   }
 
   void buffer(const void *address, const void *length) {
@@ -477,11 +483,12 @@ void Record::response(uint32_t verb, const void *const *a) {
       named(" Conversation type = %s", tn::kConversationType, rd32(a[1]));
       break;
     case 7:  // CMEMN
-      name_with_length(" Mode name =", " Mode name length = %lu", a[1], a[2]);
+      name_with_length(" Mode name =", " Mode name length = %lu", a[1], a[2],
+                       false, 8);
       break;
     case 8:  // CMEPLN
       name_with_length(" Partner LU name =", " Partner LU name length = %lu",
-                       a[1], a[2]);
+                       a[1], a[2], false, 17);
       break;
     case 9:  // CMESL
       named(" Sync level = %s", tn::kSyncLevel, rd32(a[1]));
@@ -557,7 +564,7 @@ void Record::response(uint32_t verb, const void *const *a) {
     case 49:  // CMESUI
     case 58:  // CMECSU
       name_with_length(" Security user ID =", " Security user ID length = %lu",
-                       a[1], a[2]);
+                       a[1], a[2], false, verb == 49 ? 10 : 8);
       break;
     case 34:  // XCMESI
       side_info_entry(a[1]);
@@ -601,11 +608,12 @@ void Record::response(uint32_t verb, const void *const *a) {
       putf(" Maximum buffer size = %lu", static_cast<unsigned long>(rd32(a[1])));
       break;
     case 56:  // CMECTX
-      name_with_length(" Context ID =", " Context ID length = %lu", a[1], a[2]);
+      name_with_length(" Context ID =", " Context ID length = %lu", a[1], a[2],
+                       false, 8);
       break;
     case 60:  // CMELLN
       name_with_length(" Local LU name =", " Local LU name length = %lu", a[1],
-                       a[2]);
+                       a[2], false, 8);
       break;
     case 62:  // CMSLLN
       chars();

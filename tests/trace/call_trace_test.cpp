@@ -555,6 +555,28 @@ TEST(trace_records, LuNameDumpsFollowTheLowSixteenBits) {
   }
 }
 
+// An extract call's response record dumps no more of the name than the
+// call writes, whatever length it reports (the stored one, or the caller's
+// own value after a failure).
+TEST(trace_records, ExtractedNameDumpStopsAtWhatTheCallWrites) {
+  const uint8_t name[10] = {'U', 'S', 'E', 'R', 'N', 'A', 'M', 'E', '9', '0'};
+  const struct {
+    uint32_t verb;
+    int32_t length;
+    size_t dumped;
+  } cases[] = {{58, 10, 8}, {33, 10, 8}, {49, 10, 10}, {49, 7, 7}, {7, 60, 8},
+               {8, 60, 17}, {56, 60, 8}, {60, 60, 8}};
+  std::vector<uint8_t> buffer(64, 'x');
+  std::copy(std::begin(name), std::end(name), buffer.begin());
+  for (const auto& c : cases) {
+    fake::reset();
+    int32_t rc = 0, length = c.length;
+    seputrcp(2, c.verb, nullptr, &rc, buffer.data(), &length, nullptr, nullptr, nullptr);
+    ASSERT_GE(fake::lines.size(), 4u) << c.verb;
+    EXPECT_EQ(fake::lines[3], fake::dump_text(buffer.data(), c.dumped)) << c.verb << " " << c.length;
+  }
+}
+
 // Set_CPIC_Side_Information is traced before its length is checked: an
 // entry said to be shorter than the 116 bytes a record shows (all but the
 // password) is not read.
