@@ -22,6 +22,8 @@ const ConvertCase kConvert[] = {
     {"BracketBecomesZero", true, "a[b", 3, CM_OK, std::string("\x81\x00\x82", 3)},
     {"LengthZero", true, "abc", 0, CM_OK, "abc"},
     {"NegativeLength", true, "abc", -1, CM_OK, "abc"},
+    {"NegativeLengthWithLowBitsSet", true, "abc", -65535, CM_OK, "abc"},
+    {"NegativeLengthIncoming", false, "\xC1\xC2", -65534, CM_OK, "\xC1\xC2"},
     {"TooLong", true, "abc", 32768, CM_PROGRAM_PARAMETER_CHECK, "abc"},
     {"LatinOne", true, "\xA2\xA6\xAC|!", 5, CM_OK, "\x4A\x6A\x5F\x4F\x5A"},
     {"Incoming", false, "\xC1\x81\x4B\xBA", 4, CM_OK, std::string("Aa.\x00", 4)},
