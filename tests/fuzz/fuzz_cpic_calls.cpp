@@ -4,7 +4,9 @@
 // and of test-node actions (what each verb returns and when, failing
 // allocations and resources, the node's side information, losing the
 // node). Every buffer a call gets is allocated with the exact size its
-// length argument states, so a read or write outside it is reported.
+// length argument states, so a read or write outside it is reported;
+// output variables start with whatever value the input chose, as a
+// program's may.
 //
 // Nothing may wait forever: verbs only complete "later" when issued in
 // non-blocking mode, and before a call that may wait for a completion
@@ -52,7 +54,7 @@ class Arena {
     std::memset(p + k, 0x40, n - k);
     return p;
   }
-  CM_INT32* int32(CM_INT32 v = -7777) {
+  CM_INT32* int32(CM_INT32 v) {
     auto* p = reinterpret_cast<CM_INT32*>(bytes(sizeof(CM_INT32)));
     *p = v;
     return p;
@@ -240,6 +242,8 @@ class Session {
     }
     return id;
   }
+  // An output variable, holding what earlier code left in it.
+  CM_INT32* out() { return arena_.int32(garbage_); }
   unsigned char* conv_out() { return arena_.copy({0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE}, 8); }
   void keep(const unsigned char* id, CM_INT32 rc) {
     if (rc != CM_OK || ids_.size() >= 16) return;
@@ -270,7 +274,7 @@ class Session {
   }
 
   void call(uint8_t which, bool upper) {
-    CM_INT32* rc = arena_.int32();
+    CM_INT32* rc = out();
     switch (which) {
       // Set calls with one value.
       case 0: case 1: case 2: case 3: case 4: case 5: case 6: case 7: case 8: case 9: case 10:
@@ -305,10 +309,10 @@ class Session {
         static const ExtractValue lower[] = {cmesl, cmect, cmecs, cmecst, xcecst};
         static const ExtractValue up[] = {CMESL, CMECT, CMECS, CMECST, XCECST};
         unsigned char* id = conv();
-        (upper ? up : lower)[which - 21](id, arena_.int32(), rc);
+        (upper ? up : lower)[which - 21](id, out(), rc);
         break;
       }
-      case 26: (upper ? CMEMBS : cmembs)(arena_.int32(), rc); break;
+      case 26: (upper ? CMEMBS : cmembs)(out(), rc); break;
       // Extract calls with a name: the buffer is as long as the call's
       // documented maximum.
       case 27: case 28: case 29: case 30: case 31: case 32: case 33: {
@@ -318,13 +322,13 @@ class Session {
         static const size_t sizes[] = {8, 17, 9, 64, 8, 8, 10};
         unsigned char* id = conv();
         unsigned char* name = arena_.bytes(sizes[which - 27]);
-        (upper ? up : lower)[which - 27](id, name, arena_.int32(), rc);
+        (upper ? up : lower)[which - 27](id, name, out(), rc);
         break;
       }
       case 34: {
         unsigned char* id = conv();
         unsigned char* context = arena_.bytes(8);
-        (upper ? CMECTX : cmectx)(id, context, arena_.int32(), rc);
+        (upper ? CMECTX : cmectx)(id, context, out(), rc);
         if (*rc == CM_OK && contexts_.size() < 8) {
           std::array<uint8_t, 8> a;
           std::memcpy(a.data(), context, 8);
@@ -377,29 +381,29 @@ class Session {
         unsigned char* id = conv();
         CM_INT32* length = arena_.int32(pick_length(in_));
         unsigned char* data = in_buffer(*length);
-        (upper ? CMSEND : cmsend)(id, data, length, arena_.int32(), rc);
+        (upper ? CMSEND : cmsend)(id, data, length, out(), rc);
         break;
       }
       case 44: {
         unsigned char* id = conv();
         CM_INT32* requested = arena_.int32(pick_length(in_));
         unsigned char* buffer = arena_.bytes(buffer_size(*requested));
-        (upper ? CMRCV : cmrcv)(id, buffer, requested, arena_.int32(), arena_.int32(), arena_.int32(),
-                                arena_.int32(), rc);
+        (upper ? CMRCV : cmrcv)(id, buffer, requested, out(), out(), out(),
+                                out(), rc);
         break;
       }
-      case 45: (upper ? CMCFM : cmcfm)(conv(), arena_.int32(), rc); break;
+      case 45: (upper ? CMCFM : cmcfm)(conv(), out(), rc); break;
       case 46: (upper ? CMCFMD : cmcfmd)(conv(), rc); break;
       case 47: (upper ? CMFLUS : cmflus)(conv(), rc); break;
       case 48: (upper ? CMPTR : cmptr)(conv(), rc); break;
       case 49: (upper ? CMRTS : cmrts)(conv(), rc); break;
-      case 50: (upper ? CMSERR : cmserr)(conv(), arena_.int32(), rc); break;
-      case 51: (upper ? CMTRTS : cmtrts)(conv(), arena_.int32(), rc); break;
+      case 50: (upper ? CMSERR : cmserr)(conv(), out(), rc); break;
+      case 51: (upper ? CMTRTS : cmtrts)(conv(), out(), rc); break;
       // Non-blocking completion.
       case 52: {
         deliver_some();
         unsigned char* id = conv_out();
-        (upper ? CMWAIT : cmwait)(id, arena_.int32(), rc);
+        (upper ? CMWAIT : cmwait)(id, out(), rc);
         break;
       }
       case 53: {
@@ -492,6 +496,11 @@ class Session {
         // The node goes away: its thread delivers every completion first.
         node_lost();
         break;
+      case 19:
+        // What the program's output variables hold before a call writes
+        // them (a failed call may leave them so).
+        garbage_ = pick_length(in_);
+        break;
       default: {
         const uint8_t which = static_cast<uint8_t>(in_.u8() % 63);
         call(which, in_.flag());
@@ -528,6 +537,7 @@ class Session {
   Arena arena_;
   std::vector<std::array<uint8_t, 8>> ids_;
   std::vector<std::array<uint8_t, 8>> contexts_;
+  CM_INT32 garbage_ = -7777;
 };
 
 }  // namespace

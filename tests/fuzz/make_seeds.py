@@ -282,6 +282,14 @@ def cpic_seeds():
           + c("cmaccp") + c("cmectx") + CONV0 + c("cmsctx") + u8(1) + u8(1)
           + c("cmrltp") + name_arg("SERVER") + c("cminic") + c("cmacci") + CONV1
           + c("cmterm") + value(0))
+    # Output variables holding old values when calls fail, traced.
+    write(t, "failed_calls_leave_outputs_traced",
+          u8(192 + 17) + u8(1) + u8(192 + 19) + length32(1000)
+          + c("cmrcv") + u8(250) + bytes(8) + small(10)
+          + c("cmemn") + u8(250) + bytes(8) + c("cmecsu") + u8(250) + bytes(8)
+          + c("cmectx") + u8(250) + bytes(8) + c("cmwait")
+          + u8(192 + 19) + length32(40000) + c("cminit") + u8(0)
+          + c("cmrcv") + CONV0 + small(5) + c("cmepln") + CONV0 + c("cmetpn") + CONV0)
     write(t, "failures_and_node_loss",
           u8(192 + 9) + u8(1) + c("cminit") + u8(0)
           + u8(192 + 10) + u8(1) + c("cminit") + u8(0)
