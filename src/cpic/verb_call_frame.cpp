@@ -27,6 +27,10 @@ void SCC_trace_response(uint32_t verb, const uint8_t *conversation_id, const int
   if (!api_trace_on()) return;
   CCCB *c = nullptr;
   SCC_find_cccb(conversation_id, &c, pGCB);
+  // An operation left outstanding owns its output parameters until it
+  // completes, and the runtime's thread may be writing them now: this
+  // record shows none of them (the asynchronous-response record does).
+  if (*return_code == CM_OPERATION_INCOMPLETE) a5 = a6 = a7 = a8 = a9 = nullptr;
   seputrcp(2, verb, c, return_code, a5, a6, a7, a8, a9);
 }
 
