@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <map>
 #include <regex>
 #include <set>
@@ -301,9 +302,11 @@ TEST(Trace, AsynchronousCompletionsNeverSplitAnotherThreadsRecords) {
   std::string why;
   ASSERT_TRUE(daemon.start(node_config(daemon.dir()), &why)) << why;
   const std::string file = daemon.dir() + "/threads.trace";
-  constexpr long kRounds = 1000, kMinCalls = 4000;
+  // B makes up to 20 calls in each of A's rounds: some 20,000 records
+  // from B among 4,000 of A's and the runtime's.
+  constexpr long kRounds = 500, kPerRound = 20, kMinCalls = 2000;
   auto p = daemon.run("trace_threads", E2E_TRACE_THREADS,
-                      {"ECHO", std::to_string(kRounds), std::to_string(kMinCalls)},
+                      {"ECHO", std::to_string(kRounds), std::to_string(kPerRound), std::to_string(kMinCalls)},
                       {{"SNANODE_TRACE", "1"}, {"SNANODE_TRACE_FILE", file}});
   ASSERT_TRUE(p);
   std::map<std::string, std::string> said;
@@ -322,6 +325,7 @@ TEST(Trace, AsynchronousCompletionsNeverSplitAnotherThreadsRecords) {
   ASSERT_TRUE(std::regex_match(said["b"], m, std::regex(R"(b calls=(\d+))"))) << said["b"];
   const long b_calls = std::stol(m[1]);
   EXPECT_GE(b_calls, kMinCalls);
+  EXPECT_LE(b_calls, std::max(kMinCalls, kRounds * kPerRound) + 1);
 
   const Trace t = parse(read_file(file));
   expect_whole(t);
@@ -380,8 +384,18 @@ TEST(Trace, AsynchronousCompletionsNeverSplitAnotherThreadsRecords) {
   EXPECT_EQ(async, incomplete);
   EXPECT_EQ(waits, incomplete);
   EXPECT_EQ(echoes, kRounds);
-  // Completions really were traced while B was tracing its calls.
   EXPECT_GE(async, kRounds / 2);
+  // Completions really were traced while B was tracing its calls: many
+  // stand between B's first record and its last.
+  size_t b_first = t.records.size(), b_last = 0, async_among_b = 0;
+  for (size_t i = 0; i < t.records.size(); ++i)
+    if (t.records[i].tid == b_tid) {
+      b_first = std::min(b_first, i);
+      b_last = i;
+    }
+  for (size_t i = b_first; i < b_last; ++i)
+    if (t.records[i].tid == runtime_tid) ++async_among_b;
+  EXPECT_GE(async_among_b, static_cast<size_t>(kRounds / 4));
   EXPECT_GE(t.records.size(), static_cast<size_t>(2 * b_calls + 4 * kRounds));
 }
 

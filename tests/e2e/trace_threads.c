@@ -1,7 +1,7 @@
 /* trace_threads: traced calls on two threads while completions are traced
  * from the runtime's thread, for the test that reads the trace back.
  *
- * Usage: trace_threads TPNAME ROUNDS MIN_CALLS
+ * Usage: trace_threads TPNAME ROUNDS CALLS_PER_ROUND MIN_CALLS
  *
  * Thread A allocates one conversation to TPNAME (an echo TP) and puts it in
  * non-blocking mode; then ROUNDS times it sends a record with
@@ -10,7 +10,10 @@
  * writes the asynchronous-response record; CMWAIT collects it.
  * Thread B meanwhile calls CMECS and CMEMBS on a conversation of its own
  * (initialised, never allocated) until thread A is done and it has made at
- * least MIN_CALLS calls.
+ * least MIN_CALLS calls. B keeps pace with A: it makes at most
+ * CALLS_PER_ROUND calls per round A has begun, so that its records spread
+ * over all of A's and the trace stays bounded whatever the relative speed
+ * of the two threads.
  *
  * Prints "a rounds=N incomplete=K", "b calls=M" and "done", or the call
  * that failed, and exits 0 only when everything went as planned. */
@@ -22,9 +25,11 @@
 #include "cpic.h"
 
 static const char *tp_name;
-static long rounds, min_calls;
+static long rounds, per_round, min_calls;
+static long a_round; /* the round A is in */
 static int a_finished;
 static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+static pthread_cond_t progress = PTHREAD_COND_INITIALIZER;
 
 static void say(const char *text) {
   pthread_mutex_lock(&lock);
@@ -76,6 +81,10 @@ static int run_a(void) {
   if (rc != CM_OK) return failed("a", "CMSPM", 0, rc);
 
   for (round = 1; round <= rounds; ++round) {
+    pthread_mutex_lock(&lock);
+    a_round = round;
+    pthread_cond_broadcast(&progress);
+    pthread_mutex_unlock(&lock);
     length = snprintf((char *)record, sizeof record, "round %ld", round);
     CMSEND(conv, record, &length, &rts, &rc);
     rc = finish(conv, rc, &incomplete);
@@ -121,6 +130,7 @@ static void *thread_a(void *arg) {
   /* Thread B stops once this is set, however A ended. */
   pthread_mutex_lock(&lock);
   a_finished = 1;
+  pthread_cond_broadcast(&progress);
   pthread_mutex_unlock(&lock);
   return NULL;
 }
@@ -143,6 +153,7 @@ static void *thread_b(void *arg) {
   for (;;) {
     int finished;
     pthread_mutex_lock(&lock);
+    while (!a_finished && calls >= a_round * per_round) pthread_cond_wait(&progress, &lock);
     finished = a_finished;
     pthread_mutex_unlock(&lock);
     if (finished && calls >= min_calls) break;
@@ -167,13 +178,14 @@ static void *thread_b(void *arg) {
 int main(int argc, char **argv) {
   pthread_t a, b;
   int a_result = 1, b_result = 1;
-  if (argc != 4) {
-    fprintf(stderr, "usage: trace_threads TPNAME ROUNDS MIN_CALLS\n");
+  if (argc != 5) {
+    fprintf(stderr, "usage: trace_threads TPNAME ROUNDS CALLS_PER_ROUND MIN_CALLS\n");
     return 2;
   }
   tp_name = argv[1];
   rounds = atol(argv[2]);
-  min_calls = atol(argv[3]);
+  per_round = atol(argv[3]);
+  min_calls = atol(argv[4]);
   if (pthread_create(&b, NULL, thread_b, &b_result) != 0) return 3;
   if (pthread_create(&a, NULL, thread_a, &a_result) != 0) return 3;
   pthread_join(a, NULL);
