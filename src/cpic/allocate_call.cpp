@@ -146,6 +146,16 @@ void cmallc_cb(void *vcb, uint32_t, uint32_t, uint32_t fAsync) {
   }
   c->fCancelPending = 0;
   c->fTpStartedByAllocate = 0;
+  // The password went out with the attach. Only an allocation that may be
+  // issued again (no session now, or a parameter to correct) still needs
+  // the conversation's copy; the verb area's is rebuilt each time.
+  const int32_t rc = static_cast<int32_t>(c->ulReturnCode);
+  if (rc == CM_UNSUCCESSFUL || rc == CM_PARAMETER_ERROR || rc == CM_PROGRAM_PARAMETER_CHECK ||
+      rc == CM_OPERATION_INCOMPLETE) {
+    std::memset(c->vcb.allocate.password, 0x40, sizeof c->vcb.allocate.password);
+  } else {
+    SCC_forget_password(c);
+  }
   SCC_completion_end(c, fAsync);
 }
 

@@ -79,6 +79,13 @@ CCCB *SCC_init_and_find(const uint8_t *conversation_id, int32_t *return_code, ui
   return SCC_find_or_report(conversation_id, return_code, sub_code);
 }
 
+void SCC_forget_password(CCCB *c) {
+  std::memset(c->si.abPassword, 0x40, sizeof c->si.abPassword);
+  std::memset(c->vcb.allocate.password, 0x40, sizeof c->vcb.allocate.password);
+  // The block may be freed next: the stores must not be dropped as dead.
+  __asm__ __volatile__("" : : "r"(c) : "memory");
+}
+
 void SCC_free_cccb(CCCB *c) {
   GCB *g = pGCB;
   if (!all_zero(c->abTpId, 8) && std::memcmp(c->abTpId, g->abContextTpId, 8) != 0 &&
@@ -99,6 +106,7 @@ void SCC_free_cccb(CCCB *c) {
   }
   if (c->pLogData != nullptr) nba_mm_free(c->pLogData);
   if (c->DeallcLogData != nullptr) nba_mm_free(c->DeallcLogData);
+  SCC_forget_password(c);
   vtm_release_entry(g->hCccbTable, c->CCCBhandle);
   nba_mm_free(c);
 }
@@ -115,6 +123,7 @@ void SCC_free_handles_from_table(uint32_t table) {
         auto *c = static_cast<CCCB *>(pointer);
         if (c->pLogData != nullptr) nba_mm_free(c->pLogData);
         if (c->DeallcLogData != nullptr) nba_mm_free(c->DeallcLogData);
+        SCC_forget_password(c);
       }
       nba_mm_free(pointer);
     }

@@ -70,6 +70,9 @@ void SCC_set_tp_name(uint8_t *tp_name_out);
 uint16_t SCC_cccb_init(uint8_t *conversation_id_out, CCCB **cccb_out);
 uint16_t SCC_find_cccb(const uint8_t *conversation_id, CCCB **cccb_out, GCB *gcb);
 void SCC_free_cccb(CCCB *cccb);
+// Blanks the conversation's password and the copy in its verb area, so that
+// neither memory nor a core keeps it once the allocation needs it no more.
+void SCC_forget_password(CCCB *cccb);
 void SCC_free_handles_from_table(uint32_t table);
 // Looks the conversation up; on failure writes the unknown-ID problem
 // record with the given sub-code and sets 24.
