@@ -464,13 +464,32 @@ Steps driver_pair() {
 // would take.
 constexpr long kRssGrowthLimitKib = 16 * 1024;
 
+// Under AddressSanitizer freed memory waits in a quarantine (256 MB by
+// default) before it is reused, which a flood of short-lived buffers fills:
+// the daemons of these tests get a small one, so that what they keep is
+// what they hold.
+void start_bounded_node(Daemon &daemon) {
+#if defined(__SANITIZE_ADDRESS__)
+  const char *old = ::getenv("ASAN_OPTIONS");
+  const std::string saved = old ? old : "";
+  ::setenv("ASAN_OPTIONS", (saved + (saved.empty() ? "" : ":") + "quarantine_size_mb=4").c_str(), 1);
+  const std::string why = start_test_node(daemon);
+  if (old) ::setenv("ASAN_OPTIONS", saved.c_str(), 1);
+  else ::unsetenv("ASAN_OPTIONS");
+#else
+  const std::string why = start_test_node(daemon);
+#endif
+  ASSERT_EQ(why, "");
+}
+
 // A client that says HELLO, sends request after request and never reads a
 // reply. The daemon stops reading it once its replies pile up (the
 // connection stays, neither served nor dropped), its memory stays bounded,
 // and another conversation's round trips go on completing meanwhile.
 TEST(StuckClient, ReplyPileUpLeavesOthersServedAndTheDaemonBounded) {
   Daemon daemon(E2E_DAEMON);
-  ASSERT_EQ(start_test_node(daemon), "");
+  start_bounded_node(daemon);
+  if (HasFatalFailure()) return;
   ScenarioRunner runner(daemon);
   ASSERT_EQ(runner.run(driver_pair(), false), "");
   std::string why;
@@ -538,7 +557,8 @@ TEST(StuckClient, ReplyPileUpLeavesOthersServedAndTheDaemonBounded) {
 // what it reads nor dropped), and other clients' round trips stay fast.
 TEST(FloodingClient, ValidRequestsAsFastAsPossibleLeaveOthersResponsive) {
   Daemon daemon(E2E_DAEMON);
-  ASSERT_EQ(start_test_node(daemon), "");
+  start_bounded_node(daemon);
+  if (HasFatalFailure()) return;
   ScenarioRunner runner(daemon);
   ASSERT_EQ(runner.run(driver_pair(), false), "");
   std::string why;
@@ -648,7 +668,8 @@ size_t malformed_records_naming(const std::string &log, pid_t pid) {
 // trips stay fast and the daemon's memory and descriptors do not grow.
 TEST(FloodingClient, GarbageIsDroppedAndLoggedWhileOthersStayResponsive) {
   Daemon daemon(E2E_DAEMON);
-  ASSERT_EQ(start_test_node(daemon), "");
+  start_bounded_node(daemon);
+  if (HasFatalFailure()) return;
   ScenarioRunner runner(daemon);
   ASSERT_EQ(runner.run(driver_pair(), false), "");
   std::string why;
