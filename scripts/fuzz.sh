@@ -55,7 +55,7 @@ for t in $targets; do
     cp "$dir/log" "$findings/$t/log"
     cp "$dir/artifacts/"* "$findings/$t/" 2> /dev/null || true
     # The report: the sanitizer's or libFuzzer's first lines about it.
-    grep -E 'ERROR|runtime error|SUMMARY|Test unit written|==[0-9]+==' "$dir/log" | head -n 20 || true
+    grep -E 'ERROR|runtime error|Assertion|SUMMARY|Test unit written' "$dir/log" | head -n 20 || true
     echo "log and inputs kept in $findings/$t/"
   fi
   line=$(printf '%-22s executions %-10s coverage %-6s %s' "$t" "${execs:-?}" "${cov:-?}" "$result")
