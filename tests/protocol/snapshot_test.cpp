@@ -116,6 +116,34 @@ TEST(ProtoSnapshot, QueuedAttachHasNoTpYet) {
   EXPECT_EQ(q->client, Harness::kB);
 }
 
+// The allocator goes before anyone accepts: its queued attach goes with it,
+// and the next accept waits for a live conversation instead of getting a
+// dead one. A normal deallocation, by contrast, is still delivered.
+TEST(ProtoSnapshot, QueuedAttachGoesWithItsAbendedAllocator) {
+  Harness h;
+  h.tp_a = h.start_tp(Harness::kA);
+  h.register_name(Harness::kB, "QN");
+  h.conv_a = h.run(Harness::kA, h.allocate_verb("QN")).conv_id;
+  ASSERT_EQ(h.simple(A, Opcode::kFlush).primary, 0);
+  ASSERT_EQ(h.node.snapshot().queued_attaches.size(), 1u);
+  h.absorb(h.node.client_closed(Harness::kA));
+  NodeSnapshot s = h.node.snapshot();
+  EXPECT_TRUE(s.queued_attaches.empty());
+  EXPECT_TRUE(s.conversations.empty());
+  const uint64_t acc = h.receive_allocate(Harness::kB);
+  EXPECT_FALSE(h.finished(acc));
+
+  constexpr ClientId kC = 3;
+  h.node.client_connected(kC, 300, "carol");
+  h.tp_a = h.start_tp(kC);
+  h.conv_a = h.run(kC, h.allocate_verb("QN")).conv_id;
+  Verb dealloc = h.conv_verb(Opcode::kDeallocate, A, 1);
+  dealloc.type = 1;  // flush: the attach and the end go together
+  ASSERT_EQ(h.run(kC, dealloc).primary, 0);
+  ASSERT_TRUE(h.finished(acc));
+  EXPECT_EQ(h.result(acc).primary, 0);
+}
+
 TEST(ProtoSnapshot, SessionOutlivesItsConversation) {
   Harness h;
   h.connect();
