@@ -69,10 +69,12 @@ void Node::maybe_flush_full(End& e) {
       tail.push_back(std::move(b));
     }
   }
+  // transmit() zeroes the count; what stays buffered is the tail.
+  const size_t kept = e.send_bytes - keep_from;
   e.send_buf = std::move(head);
   transmit(e, ChainEnd::kNone);
   e.send_buf = std::move(tail);
-  e.send_bytes -= keep_from;
+  e.send_bytes = kept;
 }
 
 void Node::transmit(End& e, ChainEnd how) {

@@ -124,6 +124,30 @@ TEST(ProtoPacing, UnreceivedDataStaysBoundedWhateverTheSender) {
   EXPECT_GT(max_behind, 60000u) << "the sender was let ahead up to the window";
 }
 
+// A stream of buffering sends goes out a send buffer at a time: the
+// sender never holds more than one partial buffer, however long it goes on.
+TEST(ProtoPacing, BufferingSendsHoldBackAtMostOnePartialBuffer) {
+  Harness h;
+  h.connect(0);
+  size_t sent = 0, received = 0;
+  for (int i = 0; i < 12; ++i) {
+    const uint64_t t = send_async(h, A, logical_record(kRecord), 0, 0);
+    sent += kRecord;
+    while (!h.finished(t)) {
+      VerbResult r = h.result(h.rcv(B, kRecord, 1, 0, 0));
+      ASSERT_EQ(r.primary, 0);
+      received += r.data.size();
+    }
+    ASSERT_EQ(h.result(t).primary, 0);
+    for (;;) {  // what has reached B, without waiting for more
+      VerbResult r = h.result(h.rcv(B, kRecord, 1, 0, 0, false));
+      if (r.primary != 0 || r.data.empty()) break;
+      received += r.data.size();
+    }
+    EXPECT_LT(sent - received, 4096u) << "after send " << i;
+  }
+}
+
 TEST(ProtoPacing, ReleaseWritesRequestToSendReceivedMeanwhile) {
   Harness h;
   h.connect();
