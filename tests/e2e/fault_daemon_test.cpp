@@ -375,6 +375,12 @@ TEST(DaemonKilled, ProgramsLoseTheirConversationsAndConverseAgainOnTheNextDaemon
                 "A< event 0x8001",
                 "B< event 0x8001",
                 "!stale",
+                // With no node at all: the old conversations are gone, and a
+                // new allocation finds no node to go to.
+                "A: CMSEND c1 X | CMSEND CM_PROGRAM_PARAMETER_CHECK",
+                "A: CMINIT z | CMINIT CM_OK",
+                "A: CMSTPN z SRV | CMSTPN CM_OK",
+                "A: CMALLC z | CMALLC CM_PRODUCT_SPECIFIC_ERROR",
                 "!restart",
                 "!replaced",
                 // The library has dropped every conversation of the lost node.
