@@ -153,14 +153,39 @@ void install_fork_handlers() { pthread_atfork(fork_prepare, fork_parent, fork_ch
 
 /* ---- socket I/O ---- */
 
+/* Frames are read through one buffer, so that a reply's header, fixed part
+ * and short data usually come in one recv instead of three. Only the
+ * reading thread (the runtime thread, also when it waits nested in a
+ * completion routine) touches it; it is emptied for every new connection. */
+constexpr size_t kReadBufferSize = 64 * 1024;
+uint8_t read_buffer[kReadBufferSize];
+size_t read_start = 0;
+size_t read_end = 0;
+
+void reset_read_buffer() { read_start = read_end = 0; }
+
 /* Reads exactly n bytes. false on end of file (error 0) or failure. */
 bool read_full(int fd, void *to, size_t n, int *error) {
   uint8_t *bytes = static_cast<uint8_t *>(to);
   size_t got = 0;
   while (got < n) {
-    ssize_t r = recv(fd, bytes + got, n - got, 0);
+    if (read_start < read_end) {
+      size_t take = read_end - read_start;
+      if (take > n - got) take = n - got;
+      memcpy(bytes + got, read_buffer + read_start, take);
+      read_start += take;
+      got += take;
+      continue;
+    }
+    read_start = read_end = 0;
+    /* A long remainder goes straight to its destination. */
+    const bool direct = n - got >= kReadBufferSize / 2;
+    ssize_t r = direct ? recv(fd, bytes + got, n - got, 0) : recv(fd, read_buffer, kReadBufferSize, 0);
     if (r > 0) {
-      got += static_cast<size_t>(r);
+      if (direct)
+        got += static_cast<size_t>(r);
+      else
+        read_end = static_cast<size_t>(r);
     } else if (r == 0) {
       *error = 0;
       return false;
@@ -416,6 +441,7 @@ void *runtime_main(void *) {
     while (state != LinkState::kConnected) pthread_cond_wait(&state_changed, &client_mutex);
     uint32_t gen = generation;
     pthread_mutex_unlock(&client_mutex);
+    reset_read_buffer(); /* nothing of an earlier connection is read */
 
     int fd = -1;
     int error = 0;
