@@ -26,7 +26,8 @@ cmake --build --preset fuzz -j "$(nproc)"
 bin="$root/build/fuzz/bin"
 findings="$root/build/fuzz/findings"
 work=$(mktemp -d "${TMPDIR:-/tmp}/snafuzz.XXXXXX")
-trap 'rm -rf "$work"' EXIT INT TERM
+trap 'rm -rf "$work"' EXIT
+trap 'exit 130' INT TERM
 
 failed=""
 summary=""
