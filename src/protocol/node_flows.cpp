@@ -97,6 +97,11 @@ void Node::transmit(End& e, ChainEnd how) {
   if (!e.attach_sent) {
     open_ru(true);
     cur->ru = encode_attach(e.attach);
+    // Sent: the conversation keeps no password for the rest of its life.
+    if (e.attach.password) {
+      std::fill(e.attach.password->begin(), e.attach.password->end(), uint8_t{0});
+      e.attach.password.reset();
+    }
     e.attach_sent = true;
     hs.type = e.type;
   }

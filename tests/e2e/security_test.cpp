@@ -696,10 +696,11 @@ TEST(Passwords, CoreOfTheProgramHoldsNone) {
 }
 
 // The daemon's side of the same: the allocating request, the attach and the
-// target's check all hold the password for a while. Disabled: today the
-// daemon keeps copies after use (frames, the conversation's attach, the
-// flows between the halves), which it should scrub once the target has
-// checked the password.
+// target's check all hold the password for a while. Disabled: the
+// conversation no longer keeps it once its attach is sent, but the request
+// as read from the socket (two copies in the verb's layout) and the
+// encoded attach flowing between the halves (two copies) stay behind in
+// memory the daemon has used and not cleared.
 TEST(Passwords, DISABLED_DaemonKeepsNoCopyAfterTheCheck) {
   Daemon daemon(E2E_DAEMON);
   const std::string config = config_with_mallory(daemon);
