@@ -189,6 +189,7 @@ class Node {
 
   // --- half-session flows (node_flows.cpp)
   void buffer_data(End& e, ByteView data);
+  void buffer_data(End& e, Bytes&& data);
   void maybe_flush_full(End& e);
   void transmit(End& e, ChainEnd how);
   void send_flow(Session& s, int from_half, const Flow& f);

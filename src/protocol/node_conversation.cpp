@@ -183,7 +183,7 @@ void Node::verb_send_data(End& e, ClientId c, uint64_t tag, const Verb& v) {
   if (e.type == ConvType::kMapped) {
     Bytes rec;
     append_gds(kGdsApplicationData, v.data, rec);
-    buffer_data(e, rec);
+    buffer_data(e, std::move(rec));
   } else if (!v.data.empty()) {
     buffer_data(e, v.data);
   }

@@ -40,6 +40,17 @@ void Node::buffer_data(End& e, ByteView data) {
   e.send_bytes += data.size();
 }
 
+// A record built for the purpose (a mapped conversation's GDS) becomes the
+// buffered item itself when it starts one, instead of being copied.
+void Node::buffer_data(End& e, Bytes&& data) {
+  if (!e.send_buf.empty() && e.send_buf.back().kind == OutItem::Kind::kData)
+    return buffer_data(e, ByteView(data));
+  e.send_bytes += data.size();
+  OutItem it;
+  it.bytes = std::move(data);
+  e.send_buf.push_back(std::move(it));
+}
+
 void Node::maybe_flush_full(End& e) {
   auto sit = sessions_.find(e.session);
   if (sit == sessions_.end()) return;
@@ -60,12 +71,13 @@ void Node::maybe_flush_full(End& e) {
       seen += n;
       head.push_back(std::move(it));
     } else {
+      // The head keeps the item's own bytes; only the short tail is copied.
       const size_t cut = keep_from - seen;
-      OutItem a, b;
-      a.bytes.assign(it.bytes.begin(), it.bytes.begin() + static_cast<std::ptrdiff_t>(cut));
+      OutItem b;
       b.bytes.assign(it.bytes.begin() + static_cast<std::ptrdiff_t>(cut), it.bytes.end());
+      it.bytes.resize(cut);
       seen = keep_from;
-      head.push_back(std::move(a));
+      head.push_back(std::move(it));
       tail.push_back(std::move(b));
     }
   }
