@@ -720,10 +720,13 @@ bool read_file(const std::string& path, std::string& out) {
 // does so outside strings and comments, and after a line-ending backslash
 // in a multi-line basic string. Such characters are refused there before
 // the library sees them; outside strings and comments no non-ASCII
-// character is valid TOML anyway.
+// character is valid TOML anyway. A quote opens a string only where TOML
+// lets one begin (a key or a value), as for the library: a stray quote
+// elsewhere makes it fail there, or read on outside a string.
 bool toml_library_safe(const std::string& text, int& line, std::string& reason) {
   enum class In { kCode, kComment, kBasic, kLiteral, kMultiBasic, kMultiLiteral };
   In in = In::kCode;
+  char last = '\n';  // the last character outside strings and blanks
   line = 1;
   const size_t n = text.size();
   auto at = [&](size_t i) { return i < n ? text[i] : '\0'; };
@@ -733,6 +736,7 @@ bool toml_library_safe(const std::string& text, int& line, std::string& reason) 
     if (c == '\n') {
       ++line;
       if (in == In::kComment || in == In::kBasic || in == In::kLiteral) in = In::kCode;
+      if (in == In::kCode) last = '\n';
       continue;
     }
     switch (in) {
@@ -743,10 +747,13 @@ bool toml_library_safe(const std::string& text, int& line, std::string& reason) 
         }
         if (c == '#') {
           in = In::kComment;
-        } else if (c == '"' || c == '\'') {
+        } else if ((c == '"' || c == '\'') && last != '\0' && std::strchr("\n=[,{.", last)) {
           const bool multi = triple(i, c);
           in = c == '"' ? (multi ? In::kMultiBasic : In::kBasic) : (multi ? In::kMultiLiteral : In::kLiteral);
           if (multi) i += 2;
+          last = c;
+        } else if (c != ' ' && c != '\t' && c != '\r') {
+          last = c;
         }
         break;
       case In::kComment:

@@ -383,6 +383,9 @@ const BadCase kBad[] = {
     // Characters the TOML library cannot test for whitespace safely.
     {"non-ASCII where only ASCII may stand", "[node]\nidle_exit = 1\n\xC5\x8D-d\n", 3,
      "non-ASCII character outside a string or comment"},
+    {"non-ASCII after a quote where no string may begin",
+     "[[local_lu]]\nalias = \"A\"\nname = 5\"N.A\xD1\xAC\"\n", 3,
+     "non-ASCII character outside a string or comment"},
     {"non-ASCII after a line-ending backslash",
      "[[tp]]\nname = \"ECHO\"\nprogram = \"\"\"/bin/\\\n  \xC3\xBC\"\"\"\n", 4,
      "non-ASCII character right after a line-ending backslash"},
