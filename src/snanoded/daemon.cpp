@@ -500,7 +500,7 @@ void Daemon::arm_idle_timer() {
 void Daemon::deliver(const proto::Completion& completion) {
   ClientConnection* c = client(completion.client);
   if (!c || c->dead) return;  // its client has gone
-  send(*c, make_frame(wire::Kind::kVerbReply, completion.tag, reply_body(completion)));
+  send(*c, verb_reply_frame(completion));
 }
 
 void Daemon::start_program(const proto::StartProgram& start) {

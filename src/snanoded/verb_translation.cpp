@@ -68,7 +68,11 @@ uint32_t outputs_for(Opcode opcode, uint16_t primary) {
   }
 }
 
-std::vector<uint8_t> reply_body(const proto::Completion& c) {
+namespace {
+
+// Appends the VERB_REPLY body for the completion. The data goes in with one
+// copy and is never zero-filled first: a receive may carry 32767 bytes.
+void append_reply_body(const proto::Completion& c, std::vector<uint8_t>& out) {
   const proto::VerbResult& r = c.result;
   wire::VerbReply w;
   w.primary = r.primary;
@@ -93,20 +97,42 @@ std::vector<uint8_t> reply_body(const proto::Completion& c) {
     data = r.data.size();
     w.data_length = static_cast<uint32_t>(data);
   }
-  std::vector<uint8_t> body(wire::kVerbReplyFixedSize + data);
-  wire::encode_verb_reply(body.data(), w);
-  if (data) std::memcpy(body.data() + wire::kVerbReplyFixedSize, r.data.data(), data);
-  return body;
+  const size_t at = out.size();
+  out.reserve(at + wire::kVerbReplyFixedSize + data);
+  out.resize(at + wire::kVerbReplyFixedSize);
+  wire::encode_verb_reply(out.data() + at, w);
+  if (data) out.insert(out.end(), r.data.begin(), r.data.end());
 }
 
-std::vector<uint8_t> make_frame(wire::Kind kind, uint64_t tag, const uint8_t* body, size_t length) {
-  std::vector<uint8_t> f(wire::kHeaderSize + length);
+void put_header(std::vector<uint8_t>& f, wire::Kind kind, uint64_t tag) {
   wire::FrameHeader h;
   h.length = static_cast<uint32_t>(f.size());
   h.kind = kind;
   h.tag = tag;
   wire::encode_header(f.data(), h);
-  if (length) std::memcpy(f.data() + wire::kHeaderSize, body, length);
+}
+
+}  // namespace
+
+std::vector<uint8_t> reply_body(const proto::Completion& c) {
+  std::vector<uint8_t> body;
+  append_reply_body(c, body);
+  return body;
+}
+
+std::vector<uint8_t> verb_reply_frame(const proto::Completion& c) {
+  std::vector<uint8_t> f(wire::kHeaderSize);
+  append_reply_body(c, f);
+  put_header(f, wire::Kind::kVerbReply, c.tag);
+  return f;
+}
+
+std::vector<uint8_t> make_frame(wire::Kind kind, uint64_t tag, const uint8_t* body, size_t length) {
+  std::vector<uint8_t> f;
+  f.reserve(wire::kHeaderSize + length);
+  f.resize(wire::kHeaderSize);
+  if (length) f.insert(f.end(), body, body + length);
+  put_header(f, kind, tag);
   return f;
 }
 

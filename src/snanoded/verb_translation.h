@@ -25,6 +25,10 @@ uint32_t outputs_for(proto::Opcode opcode, uint16_t primary);
 // allows, zeros elsewhere, and the received data when it is an output.
 std::vector<uint8_t> reply_body(const proto::Completion& completion);
 
+// The whole VERB_REPLY frame for a completion (the same bytes as make_frame
+// of reply_body), built in one buffer.
+std::vector<uint8_t> verb_reply_frame(const proto::Completion& completion);
+
 // A whole frame: header, then the body.
 std::vector<uint8_t> make_frame(wire::Kind kind, uint64_t tag, const uint8_t* body, size_t length);
 inline std::vector<uint8_t> make_frame(wire::Kind kind, uint64_t tag, const std::vector<uint8_t>& body) {

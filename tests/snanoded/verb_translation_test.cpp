@@ -232,6 +232,16 @@ TEST(ReplyBody, WritesOnlyTheAllowedOutputs) {
   }
 }
 
+// The one-buffer reply frame is the frame of the reply body, byte for byte.
+TEST(ReplyBody, VerbReplyFrameIsHeaderThenReplyBody) {
+  for (const MaskCase& c : kMaskCases) {
+    SCOPED_TRACE(::testing::Message() << "opcode " << static_cast<int>(c.opcode) << " primary " << c.primary);
+    proto::Completion comp{3, 0x0102030405060708ull, c.opcode, full_result(c.primary)};
+    comp.result.data.assign(32767, 0x5A);
+    EXPECT_EQ(verb_reply_frame(comp), make_frame(wire::Kind::kVerbReply, comp.tag, reply_body(comp)));
+  }
+}
+
 TEST(MakeFrame, HeaderThenBody) {
   const std::vector<uint8_t> body = {1, 2, 3};
   const std::vector<uint8_t> f = make_frame(wire::Kind::kNofReply, 0x1122334455667788ull, body);
