@@ -15,8 +15,10 @@ void convert_call(uint32_t verb, uint8_t direction, unsigned char *buffer, CM_IN
   if (*length > CM_MAXIMUM_BUFFER_SIZE) {
     *return_code = CM_PROGRAM_PARAMETER_CHECK;
   } else {
-    // A negative length converts nothing (whatever its low 16 bits say).
-    if (*length > 0) SCC_convert_string(direction, 3, static_cast<int16_t>(*length), buffer, buffer);
+    // The low 16 bits as a signed count, as the conversion routine takes
+    // it: -1 converts nothing, but -65535 converts one byte (kept as the
+    // call has always behaved).
+    SCC_convert_string(direction, 3, static_cast<int16_t>(*length), buffer, buffer);
     *return_code = CM_OK;
   }
   if (api_trace_on()) seputrcp(2, verb, nullptr, return_code, buffer, length, nullptr, nullptr, nullptr);

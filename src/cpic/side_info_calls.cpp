@@ -135,10 +135,7 @@ extern "C" SNA_EXPORT void xcmesi(CM_INT32 *key, unsigned char *sym_dest_name,
     if (*return_code == CM_OK) record_to_entry(&record, side_info_entry);
   }
   if (api_trace_on()) {
-    // An entry of the wrong length is not shown: it may not be one.
-    seputrcp(2, 34, nullptr, return_code,
-             *side_info_entry_length == ENTRY_LENGTH ? side_info_entry : nullptr, nullptr, nullptr,
-             nullptr, nullptr);
+    seputrcp(2, 34, nullptr, return_code, side_info_entry, nullptr, nullptr, nullptr, nullptr);
   }
   vpm_unlock(token);
 }

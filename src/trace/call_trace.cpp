@@ -45,7 +45,6 @@ namespace tn = cpic::trace_names;
 
 constexpr const char kTag[] = "CPIC ";
 constexpr uint32_t kMaxNameDump = 64;
-constexpr uint32_t kMaxBufferDump = 32767;
 
 // Offsets in the application's 124-byte side-information entry.
 constexpr size_t kEntrySymDest = 0;
@@ -55,8 +54,6 @@ constexpr size_t kEntryTpName = 32;
 constexpr size_t kEntryModeName = 96;
 constexpr size_t kEntrySecurityType = 104;
 constexpr size_t kEntryUserId = 108;
-// What a record reads of an entry: everything before the password.
-constexpr size_t kEntryShown = kEntryUserId + 8;
 
 uint32_t rd32(const void *p) {
   if (p == nullptr) return 0;
@@ -143,10 +140,9 @@ struct Record {
       return;
     }
     putf("---- Buffer at address %p ----", address);
-    // The record is written before the call checks the length: a length
-    // beyond the largest buffer any call takes is not trusted further.
-    dump(address, static_cast<uint32_t>(len) < kMaxBufferDump ? static_cast<uint32_t>(len)
-                                                                 : kMaxBufferDump);
+    // All the length the program gave, even one the call will refuse: the
+    // record is what the program asked for.
+    dump(address, static_cast<uint32_t>(len));
   }
 
   // ---- characteristics from the CCCB ----------------------------------
@@ -424,10 +420,9 @@ void Record::request(uint32_t verb, const void *const *a) {
       c_user_id();
       break;
     case 38:  // XCMSSI
-      // Written before the call checks the length: an entry said to be
-      // shorter than the part a record shows is not read.
-      if (static_cast<int32_t>(rd32(a[2])) >= static_cast<int32_t>(kEntryShown))
-        side_info_entry(a[1]);
+      // The entry is shown whatever length came with it: the program's
+      // entry is the fixed record whichever length it passes.
+      side_info_entry(a[1]);
       putf(" Entry length = %lu", static_cast<unsigned long>(rd32(a[2])));
       break;
     case 39:  // CMTERM

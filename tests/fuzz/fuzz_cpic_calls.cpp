@@ -75,6 +75,19 @@ size_t buffer_size(CM_INT32 length) {
   return static_cast<size_t>(length) < kMaxBuffer ? static_cast<size_t>(length) : kMaxBuffer;
 }
 
+// A call whose trace record dumps its buffer for the whole length given
+// (Send_Data, Set_Log_Data, the conversions) reads that much before it
+// checks the length; the harness is a program whose buffer is as long as
+// it says, so it gives no length beyond the buffers it can make.
+CM_INT32 dumped_length(CM_INT32 length) {
+  return length > static_cast<CM_INT32>(kMaxBuffer) ? static_cast<CM_INT32>(kMaxBuffer) : length;
+}
+
+// The side-information calls take the program's fixed 124-byte entry
+// whatever length comes with it (their records show it), so the entry is
+// always whole; only the length varies.
+constexpr CM_INT32 kEntryBytes = 124;
+
 CM_INT32 pick_length(fuzz::Input& in) {
   static const CM_INT32 kEdges[] = {0,   1,   7,   8,   9,     10,    11,      16,      17,
                                     18,  63,  64,  65,  123,   124,   125,     511,     512,
@@ -295,7 +308,8 @@ class Session {
         static const SetName lower[] = {cmsld, cmsmn, cmspln, cmstpn, cmslln, cmscsu, xcscsu, cmscsp, xcscsp};
         static const SetName up[] = {CMSLD, CMSMN, CMSPLN, CMSTPN, CMSLLN, CMSCSU, XCSCSU, CMSCSP, XCSCSP};
         unsigned char* id = conv();
-        CM_INT32* length = arena_.int32(pick_length(in_));
+        // Set_Log_Data's record dumps the log data for the length given.
+        CM_INT32* length = arena_.int32(which == 12 ? dumped_length(pick_length(in_)) : pick_length(in_));
         // The LU name calls take only the low 16 bits of the length (an
         // old rule they keep), so their buffer is as long as those say.
         const bool low_16_bits = which == 14 || which == 16;
@@ -379,7 +393,7 @@ class Session {
       // Data flow.
       case 43: {
         unsigned char* id = conv();
-        CM_INT32* length = arena_.int32(pick_length(in_));
+        CM_INT32* length = arena_.int32(dumped_length(pick_length(in_)));
         unsigned char* data = in_buffer(*length);
         (upper ? CMSEND : cmsend)(id, data, length, out(), rc);
         break;
@@ -419,8 +433,11 @@ class Session {
       }
       // Conversion.
       case 55: case 56: {
-        CM_INT32* length = arena_.int32(pick_length(in_));
-        unsigned char* buffer = in_buffer(*length);
+        CM_INT32* length = arena_.int32(dumped_length(pick_length(in_)));
+        // A negative length counts by its low 16 bits taken as signed, so
+        // -65535 converts one byte: the buffer holds what that reaches.
+        const CM_INT32 low = static_cast<int16_t>(*length);
+        unsigned char* buffer = in_buffer(*length > low ? *length : low);
         if (which == 55) (upper ? CMCNVO : cmcnvo)(buffer, length, rc);
         else (upper ? CMCNVI : cmcnvi)(buffer, length, rc);
         break;
@@ -429,7 +446,7 @@ class Session {
       case 57: {
         CM_INT32* key = arena_.int32(pick_value(in_));
         CM_INT32* length = arena_.int32(in_.flag() ? 124 : pick_length(in_));
-        unsigned char* entry = in_buffer(*length);
+        unsigned char* entry = in_buffer(kEntryBytes);
         (upper ? XCMSSI : xcmssi)(key, reinterpret_cast<XC_SIDE_INFO_ENTRY*>(entry), length, rc);
         break;
       }
@@ -437,7 +454,7 @@ class Session {
         CM_INT32* key = arena_.int32(pick_value(in_));
         unsigned char* name = sym_dest();
         CM_INT32* length = arena_.int32(in_.flag() ? 124 : pick_length(in_));
-        unsigned char* entry = arena_.bytes(buffer_size(*length));
+        unsigned char* entry = arena_.bytes(kEntryBytes);
         (upper ? XCMESI : xcmesi)(key, name, reinterpret_cast<XC_SIDE_INFO_ENTRY*>(entry), length, rc);
         break;
       }
