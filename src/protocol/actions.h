@@ -31,6 +31,7 @@ struct FlowOut {
   bool from_primary = true;
   bool delivered_locally = false;
   Bytes bytes;  // RH + RU
+  bool secret = false;  // carries a password: the host clears bytes once done with them
 };
 
 struct StartTimer {

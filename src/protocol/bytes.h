@@ -9,10 +9,19 @@
 #include <span>
 #include <vector>
 
+#include <string.h>  // explicit_bzero
+
 namespace sna::proto {
 
 using Bytes = std::vector<uint8_t>;
 using ByteView = std::span<const uint8_t>;
+
+// Clears memory that held a secret (a password) before it is reused or
+// freed; unlike a plain fill, the compiler may not drop it as a dead store.
+inline void wipe(void* p, size_t n) {
+  if (n != 0) explicit_bzero(p, n);
+}
+inline void wipe(Bytes& b) { wipe(b.data(), b.size()); }
 
 class Reader {
  public:

@@ -5,6 +5,7 @@ namespace sna::proto {
 Bytes encode_flow(const Flow& f) {
   Bytes out;
   const auto rh = encode_rh(f.rh);
+  out.reserve(rh.size() + f.ru.size());
   out.insert(out.end(), rh.begin(), rh.end());
   out.insert(out.end(), f.ru.begin(), f.ru.end());
   return out;

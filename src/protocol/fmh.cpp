@@ -27,7 +27,9 @@ void put_sub(Bytes& out, uint8_t type, const std::optional<Bytes>& v) {
 }  // namespace
 
 Bytes encode_attach(const Attach& a) {
+  // Sized once: growing would leave a freed copy of the password behind.
   Bytes out;
+  out.reserve(255);
   Writer w(out);
   w.u8(0);  // length, patched below
   w.u8(kTypeAttach);
@@ -40,11 +42,13 @@ Bytes encode_attach(const Attach& a) {
   w.u8(static_cast<uint8_t>(a.tp_name.size()));
   w.bytes(a.tp_name);
   Bytes sec;
+  sec.reserve(3 * (2 + kMaxSecurityField));
   put_sub(sec, kSubProfile, a.profile);
   put_sub(sec, kSubPassword, a.password);
   put_sub(sec, kSubUserId, a.user_id);
   w.u8(static_cast<uint8_t>(sec.size()));
   w.bytes(sec);
+  wipe(sec);
   w.u8(0);  // no logical-unit-of-work identifier
   w.u8(0);  // no conversation correlator
   w.patch_u8(0, static_cast<uint8_t>(out.size()));
@@ -66,6 +70,14 @@ Decoded<Attach> decode_attach(ByteView fmh) {
   ByteView extra;
   if (!r.take(fixed - kFixedLength, extra)) return fail("FMH-5 fixed part runs past it", r.offset());
   Attach a;
+  // A refused attach may already hold the password; a returned one has
+  // had it moved out.
+  struct PasswordWipe {
+    Attach& a;
+    ~PasswordWipe() {
+      if (a.password) wipe(*a.password);
+    }
+  } password_wipe{a};
   if (res != static_cast<uint8_t>(ResourceType::kBasic) &&
       res != static_cast<uint8_t>(ResourceType::kMapped))
     return fail("unknown FMH-5 resource type", 6);
@@ -98,10 +110,16 @@ Decoded<Attach> decode_attach(ByteView fmh) {
         return fail("FMH-5 security subfield length bad", at);
       if (v.size() > kMaxSecurityField) return fail("FMH-5 security subfield longer than 10", at);
       Bytes b(v.begin(), v.end());
-      if (st == kSubUserId) a.user_id = b;
-      else if (st == kSubPassword) a.password = b;
-      else if (st == kSubProfile) a.profile = b;
-      else return fail("unknown FMH-5 security subfield type", at + 1);
+      if (st == kSubUserId) {
+        a.user_id = std::move(b);
+      } else if (st == kSubPassword) {
+        if (a.password) wipe(*a.password);  // a repeated subfield
+        a.password = std::move(b);
+      } else if (st == kSubProfile) {
+        a.profile = std::move(b);
+      } else {
+        return fail("unknown FMH-5 security subfield type", at + 1);
+      }
     }
     // LUW identifier and conversation correlator: present as length-prefixed
     // fields; this node sends none but accepts them.

@@ -192,7 +192,8 @@ class Node {
   void buffer_data(End& e, Bytes&& data);
   void maybe_flush_full(End& e);
   void transmit(End& e, ChainEnd how);
-  void send_flow(Session& s, int from_half, const Flow& f);
+  // secret: the flow carries a password; its copies are cleared after use.
+  void send_flow(Session& s, int from_half, const Flow& f, bool secret = false);
   void send_negative_then_fmh7(End& e, uint32_t rsp_sense, uint32_t fmh7_sense, ByteView log,
                                bool end_bracket);
   void send_positive_reply(End& e);
@@ -201,7 +202,7 @@ class Node {
   void delete_end(uint32_t conv);
   void release_half(SessionId s, int half);
   void pump();
-  void receive_flow(Session& s, int half, ByteView bytes);
+  void receive_flow(Session& s, int half, ByteView bytes, bool secret = false);
   void receive_fmd(Session& s, int half, const Flow& f);
   void receive_data_bytes(Session& s, int half, End* e, ByteView data, bool retry);
   void end_of_chain(Session& s, int half, End* e, const Rh& rh);
@@ -226,6 +227,7 @@ class Node {
     SessionId session;
     int to_half;
     Bytes bytes;
+    bool secret = false;  // cleared once received
   };
   std::deque<Delivery> deliveries_;
   bool pumping_ = false;

@@ -355,12 +355,21 @@ void Node::route_attach(Session& s, int half, const Attach& a) {
     if (a.already_verified) return true;
     if (!a.user_id && !a.password) return true;
     if (!a.user_id || !a.password) return false;
-    const std::string user = ebcdic_text(*a.user_id), password = ebcdic_text(*a.password);
-    if (user.empty() || password.empty()) return false;
-    if (config_.check_password) return config_.check_password(user, password);
-    for (const SecurityUser& u : config_.security_users)
-      if (u.user_id == user && u.password == password) return true;
-    return false;
+    const std::string user = ebcdic_text(*a.user_id);
+    std::string password = ebcdic_text(*a.password);
+    bool ok = false;
+    if (!user.empty() && !password.empty()) {
+      if (config_.check_password) {
+        ok = config_.check_password(user, password);
+      } else {
+        for (const SecurityUser& u : config_.security_users)
+          if (u.user_id == user && u.password == password) ok = true;
+      }
+    }
+    // Short strings keep their characters inside the object: clear them
+    // there too before the frame is reused.
+    wipe(password.data(), password.size());
+    return ok;
   };
   if (!security_ok()) return reject_attach(s, half, sense::kSecurityNotValid);
   Bytes user;

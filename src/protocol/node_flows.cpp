@@ -106,13 +106,22 @@ void Node::transmit(End& e, ChainEnd how) {
     cur = &flows.back();
     cur->rh.format = fmh;
   };
+  bool secret = false;  // flows[0] is an attach carrying a password
   if (!e.attach_sent) {
     open_ru(true);
-    cur->ru = encode_attach(e.attach);
+    Bytes attach = encode_attach(e.attach);
     // Sent: the conversation keeps no password for the rest of its life.
     if (e.attach.password) {
-      std::fill(e.attach.password->begin(), e.attach.password->end(), uint8_t{0});
+      secret = true;
+      wipe(*e.attach.password);
       e.attach.password.reset();
+      // Room for the data that may follow in the same RU, so that growing
+      // it leaves no freed copy of the attach behind.
+      cur->ru.reserve(std::max(max_ru, attach.size()));
+      cur->ru.assign(attach.begin(), attach.end());
+      wipe(attach);
+    } else {
+      cur->ru = std::move(attach);
     }
     e.attach_sent = true;
     hs.type = e.type;
@@ -175,16 +184,18 @@ void Node::transmit(End& e, ChainEnd how) {
       case ChainEnd::kNone: break;
     }
   }
-  for (const Flow& f : flows) send_flow(s, e.half, f);
+  for (size_t i = 0; i < flows.size(); ++i) send_flow(s, e.half, flows[i], secret && i == 0);
+  if (secret) wipe(flows[0].ru);
 }
 
-void Node::send_flow(Session& s, int from_half, const Flow& f) {
+void Node::send_flow(Session& s, int from_half, const Flow& f, bool secret) {
   FlowOut out;
   out.session = s.id;
   out.from_primary = from_half == 0;
   out.bytes = encode_flow(f);
+  out.secret = secret;
   out.delivered_locally = s.half[1 - from_half].here;
-  if (out.delivered_locally) deliveries_.push_back(Delivery{s.id, 1 - from_half, out.bytes});
+  if (out.delivered_locally) deliveries_.push_back(Delivery{s.id, 1 - from_half, out.bytes, secret});
   emit(std::move(out));
 }
 
@@ -293,7 +304,8 @@ void Node::pump() {
       Delivery d = std::move(deliveries_.front());
       deliveries_.pop_front();
       auto sit = sessions_.find(d.session);
-      if (sit != sessions_.end()) receive_flow(sit->second, d.to_half, d.bytes);
+      if (sit != sessions_.end()) receive_flow(sit->second, d.to_half, d.bytes, d.secret);
+      if (d.secret) wipe(d.bytes);
     }
   } while (release_due_paced());
   pumping_ = false;
@@ -392,12 +404,13 @@ bool Node::release_due_paced() {
   return !due.empty();
 }
 
-void Node::receive_flow(Session& s, int half, ByteView bytes) {
+void Node::receive_flow(Session& s, int half, ByteView bytes, bool secret) {
   auto f = decode_flow(bytes);
   if (!f) return session_failed(s, rc::kConvFailureNoRetry, sense::kProtocolViolation);
   if (f->rh.response) return receive_response(s, half, f.value());
   if (f->rh.category != RuCategory::kFmd) return receive_control(s, half, f.value());
   receive_fmd(s, half, f.value());
+  if (secret) wipe(f.value().ru);  // the decoded attach with its password
 }
 
 void Node::receive_fmd(Session& s, int half, const Flow& f) {
@@ -423,6 +436,7 @@ void Node::receive_fmd(Session& s, int half, const Flow& f) {
       if (!a || !f.rh.begin_bracket || hs.conv != 0)
         return session_failed(s, rc::kConvFailureNoRetry, sense::kProtocolViolation);
       route_attach(s, half, a.value());
+      if (a->password) wipe(*a.value().password);
       if (!sessions_.count(sid)) return;
       if (s.half[half].conv == 0) {
         hs.discard_bracket = true;

@@ -157,6 +157,15 @@ struct WaitingAllocate {
   size_t partner_lu = 0;
   Name8 mode{};
   SessionId binding = 0;  // a session whose BIND is under way for it
+
+  WaitingAllocate() = default;
+  WaitingAllocate(const WaitingAllocate&) = default;
+  WaitingAllocate(WaitingAllocate&&) = default;
+  WaitingAllocate& operator=(const WaitingAllocate&) = default;
+  WaitingAllocate& operator=(WaitingAllocate&&) = default;
+  // Moving an array copies it: every copy, queued or moved from, clears
+  // the program's password when it goes.
+  ~WaitingAllocate() { wipe(verb.password.data(), verb.password.size()); }
 };
 
 struct WaitingReceiveAllocate {

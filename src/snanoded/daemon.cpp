@@ -401,9 +401,14 @@ void Daemon::handle_frame(ClientConnection& c, Frame& f) {
     case wire::Kind::kHello:
       handle_hello(c, f);
       return;
-    case wire::Kind::kVerb:
-      host_->issue(c.id(), f.tag, verb_from_wire(f.body.data(), f.body.size()));
+    case wire::Kind::kVerb: {
+      proto::Verb v = verb_from_wire(f.body.data(), f.body.size());
+      host_->issue(c.id(), f.tag, v);
+      // The node has taken what it needs of an allocation's password.
+      proto::wipe(v.password.data(), v.password.size());
+      wipe_verb_password(f.body.data(), f.body.size());
       return;
+    }
     case wire::Kind::kNof:
       send(c, make_frame(wire::Kind::kNofReply, f.tag,
                          side_info_service_.handle(c.id(), f.body.data(), side_info_table_.entries())));

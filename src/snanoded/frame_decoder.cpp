@@ -1,15 +1,44 @@
 #include "snanoded/frame_decoder.h"
 
+#include <algorithm>
+#include <cstring>
 #include <string>
+
+#include "protocol/bytes.h"
 
 namespace sna::daemon {
 
 using wire::Kind;
 
+namespace {
+// Where wire::encode_verb puts the password in a verb body.
+constexpr size_t kPasswordAt = 120;
+constexpr size_t kPasswordSize = 10;
+}  // namespace
+
+void wipe_verb_password(uint8_t* body, size_t n) {
+  if (n < kPasswordAt + kPasswordSize) return;
+  uint8_t* p = body + kPasswordAt;
+  if (std::any_of(p, p + kPasswordSize, [](uint8_t b) { return b != 0; }))
+    proto::wipe(p, kPasswordSize);
+}
+
 void FrameDecoder::append(const uint8_t* data, size_t n) {
+  // A request still arriving may hold a password: moving or growing the
+  // buffer clears the place it leaves. Taken frames are cleared in next().
   if (start_ > 0 && start_ >= buf_.size() / 2) {
-    buf_.erase(buf_.begin(), buf_.begin() + static_cast<std::ptrdiff_t>(start_));
+    const size_t pending = buf_.size() - start_;
+    std::memmove(buf_.data(), buf_.data() + start_, pending);
+    proto::wipe(buf_.data() + start_, pending);  // start_ >= pending: no overlap
+    buf_.resize(pending);
     start_ = 0;
+  }
+  if (buf_.capacity() - buf_.size() < n && buf_.size() > start_) {
+    std::vector<uint8_t> bigger;
+    bigger.reserve(std::max(buf_.capacity() * 2, buf_.size() + n));
+    bigger.assign(buf_.begin(), buf_.end());
+    proto::wipe(buf_.data(), buf_.size());
+    buf_.swap(bigger);
   }
   buf_.insert(buf_.end(), data, data + n);
 }
@@ -118,6 +147,7 @@ FrameDecoder::Status FrameDecoder::next(Frame& frame, std::string& reason) {
   frame.kind = h.kind;
   frame.tag = h.tag;
   frame.body.assign(body, body + n);
+  if (h.kind == Kind::kVerb) wipe_verb_password(buf_.data() + start_ + wire::kHeaderSize, n);
   start_ += h.length;
   if (h.kind == Kind::kHello) {
     hello_seen_ = true;

@@ -14,6 +14,10 @@
 
 namespace sna::daemon {
 
+// Clears the password field of a verb body (an ALLOCATE with program
+// security carries one), once the frame's bytes are no longer needed.
+void wipe_verb_password(uint8_t* body, size_t n);
+
 struct Frame {
   wire::Kind kind = wire::Kind::kHello;
   uint64_t tag = 0;

@@ -53,6 +53,7 @@ void NodeHost::carry_out(proto::Actions actions) {
             hooks_.completion(a);
           } else if constexpr (std::is_same_v<T, proto::FlowOut>) {
             if (is_attach(a.bytes)) attach_seen_ = true;
+            if (a.secret) proto::wipe(a.bytes);
             if (!a.delivered_locally) {
               const proto::SessionId s = a.session;
               deferred_.push_back([this, s] {

@@ -8,7 +8,7 @@ namespace sna::daemon {
 using proto::Opcode;
 
 proto::Verb verb_from_wire(const uint8_t* body, size_t length) {
-  const wire::Verb w = wire::decode_verb(body);
+  wire::Verb w = wire::decode_verb(body);
   proto::Verb v;
   v.opcode = static_cast<Opcode>(w.opcode);
   v.opext = w.opext;
@@ -39,6 +39,7 @@ proto::Verb verb_from_wire(const uint8_t* body, size_t length) {
   const size_t carried = std::min<size_t>(wire::data_carried(w.data_length),
                                           length > wire::kVerbFixedSize ? length - wire::kVerbFixedSize : 0);
   v.data.assign(body + wire::kVerbFixedSize, body + wire::kVerbFixedSize + carried);
+  proto::wipe(w.password, sizeof w.password);
   return v;
 }
 

@@ -695,13 +695,11 @@ TEST(Passwords, CoreOfTheProgramHoldsNone) {
   EXPECT_EQ(runner.finish(), "");
 }
 
-// The daemon's side of the same: the allocating request, the attach and the
-// target's check all hold the password for a while. Disabled: the
-// conversation no longer keeps it once its attach is sent, but the request
-// as read from the socket (two copies in the verb's layout) and the
-// encoded attach flowing between the halves (two copies) stay behind in
-// memory the daemon has used and not cleared.
-TEST(Passwords, DISABLED_DaemonKeepsNoCopyAfterTheCheck) {
+// The daemon's side of the same: the allocating request as read from the
+// socket, the verb made of it, the encoded attach flowing between the
+// halves and the target's check all hold the password for a while; none
+// of them is left in the daemon's memory once the conversation is up.
+TEST(Passwords, DaemonKeepsNoCopyAfterTheCheck) {
   Daemon daemon(E2E_DAEMON);
   const std::string config = config_with_mallory(daemon);
   ASSERT_FALSE(config.empty());
