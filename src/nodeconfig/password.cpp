@@ -31,9 +31,11 @@ bool random_bytes(char* out, size_t n) {
 std::optional<std::string> run_crypt(const std::string& password, const char* setting) {
   auto data = std::make_unique<crypt_data>();  // value-initialised: zeroed
   const char* h = crypt_rn(password.c_str(), setting, data.get(), static_cast<int>(sizeof(crypt_data)));
-  if (!h || h[0] == '*') return std::nullopt;
-  std::string out(h);
-  std::memset(data.get(), 0, sizeof(crypt_data));  // the work space held the password
+  std::optional<std::string> out;
+  if (h && h[0] != '*') out = std::string(h);
+  // The work space held the password, refused or not; explicit_bzero is
+  // not dropped as a dead store before the free.
+  explicit_bzero(data.get(), sizeof(crypt_data));
   return out;
 }
 
