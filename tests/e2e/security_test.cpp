@@ -550,7 +550,7 @@ TEST(Passwords, AbsentFromLogsAndTraces) {
   }
 }
 
-constexpr unsigned long kLargestMapping = 1ul << 30;
+constexpr unsigned long long kLargestMapping = 1ull << 30;
 
 // Memory images of a process: every readable mapping that is not a file's
 // text, as read through /proc/PID/mem.
@@ -560,15 +560,17 @@ std::string memory_of(pid_t pid) {
   std::string image;
   if (mem < 0) return image;
   for (std::string line; std::getline(maps, line);) {
-    unsigned long from = 0, to = 0;
+    // 64-bit addresses and offsets even in a 32-bit test: the daemon it
+    // reads may be a 64-bit process.
+    unsigned long long from = 0, to = 0;
     char perms[8] = {};
-    if (std::sscanf(line.c_str(), "%lx-%lx %7s", &from, &to, perms) != 3) continue;
+    if (std::sscanf(line.c_str(), "%llx-%llx %7s", &from, &to, perms) != 3) continue;
     if (perms[0] != 'r' || perms[1] != 'w') continue;  // data, heap, stacks
     if (line.find("[vvar]") != std::string::npos) continue;
     // A sanitizer's shadow spans terabytes and holds no program data.
     if (to - from > kLargestMapping) continue;
-    std::string chunk(to - from, '\0');
-    ssize_t n = ::pread(mem, chunk.data(), chunk.size(), static_cast<off_t>(from));
+    std::string chunk(static_cast<size_t>(to - from), '\0');
+    ssize_t n = ::pread64(mem, chunk.data(), chunk.size(), static_cast<off64_t>(from));
     if (n > 0) image.append(chunk.data(), static_cast<size_t>(n));
   }
   ::close(mem);
@@ -583,13 +585,15 @@ std::string occurrences_in_memory(pid_t pid, const std::string &needle) {
   std::string out;
   if (mem < 0) return out;
   for (std::string line; std::getline(maps, line);) {
-    unsigned long from = 0, to = 0;
+    // 64-bit addresses and offsets even in a 32-bit test: the daemon it
+    // reads may be a 64-bit process.
+    unsigned long long from = 0, to = 0;
     char perms[8] = {};
-    if (std::sscanf(line.c_str(), "%lx-%lx %7s", &from, &to, perms) != 3) continue;
+    if (std::sscanf(line.c_str(), "%llx-%llx %7s", &from, &to, perms) != 3) continue;
     if (perms[0] != 'r' || perms[1] != 'w' || line.find("[vvar]") != std::string::npos) continue;
     if (to - from > kLargestMapping) continue;
-    std::string chunk(to - from, '\0');
-    ssize_t n = ::pread(mem, chunk.data(), chunk.size(), static_cast<off_t>(from));
+    std::string chunk(static_cast<size_t>(to - from), '\0');
+    ssize_t n = ::pread64(mem, chunk.data(), chunk.size(), static_cast<off64_t>(from));
     if (n <= 0) continue;
     chunk.resize(static_cast<size_t>(n));
     for (size_t at = chunk.find(needle); at != std::string::npos; at = chunk.find(needle, at + 1)) {
