@@ -18,6 +18,13 @@ inline void flag_set(uint16_t &f, uint16_t v) { __atomic_store_n(&f, v, __ATOMIC
 inline void flag_add(uint16_t &f) { __atomic_add_fetch(&f, 1, __ATOMIC_ACQ_REL); }
 inline void flag_sub(uint16_t &f) { __atomic_sub_fetch(&f, 1, __ATOMIC_ACQ_REL); }
 
+// Library-private counts that let Wait tell a conversation whose operation
+// count is about to drop from one where nothing will lower it: completion
+// routines between publishing their completion and lowering the count, and
+// Cancel calls sleeping on their verb with the library lock given up.
+extern uint32_t completions_finishing;
+extern uint32_t cancels_sleeping;
+
 }  // namespace cpic
 
 #endif

@@ -29,6 +29,8 @@ bool conversation_gone(uint16_t stored_primary) {
 
 }  // namespace
 
+uint32_t completions_finishing = 0;
+
 void SCC_prepare_vcb(CCCB *c, uint16_t opcode) {
   std::memset(&c->vcb, 0, sizeof c->vcb);
   c->vcb.hdr.opcode = opcode;
@@ -102,6 +104,10 @@ void SCC_completion_end(CCCB *c, uint32_t fAsync) {
   uint32_t return_code = c->ulReturnCode;
   void *results[5] = {c->pResult1, c->pResult2, c->pResult3, c->pResult4, c->pResult5};
 
+  // Announced before the completion is published, so that a Wait that
+  // finds it with the operation count still raised knows to wait for the
+  // wakeup below rather than hand it out.
+  counter_add(completions_finishing);
   // Counted as waiting before it stops counting as in progress: a Wait
   // that saw neither would answer 25 with the completion on its way.
   if (flag_get(c->fVerbWaiting) == 0) {
@@ -114,6 +120,8 @@ void SCC_completion_end(CCCB *c, uint32_t fAsync) {
              results[4]);
   }
   flag_sub(c->usOpsOutstanding);
+  // The block may be gone from here on.
+  counter_sub(completions_finishing);
   vpm_wakeup(g->hWaitObject);
 }
 

@@ -33,10 +33,6 @@ CCCB *first_waiting(bool assert_each, bool only_finished = false) {
   return nullptr;
 }
 
-// How long Wait gives a completion routine to finish before it hands out
-// the conversation all the same.
-constexpr int32_t kFinishingWaitMs = 1000;
-
 int32_t wait_for_conversation(unsigned char *conversation_id, CM_INT32 *conversation_rc) {
   GCB *g = pGCB;
   if (counter_get(g->NumVerbsWaiting) == 0 && counter_get(g->NumVerbsInProgress) == 0) {
@@ -55,17 +51,20 @@ int32_t wait_for_conversation(unsigned char *conversation_id, CM_INT32 *conversa
       v0_assert(SRC_CPICCAL1, __LINE__, "tm_handle != NB_NULL_HANDLE");
       return CM_PROGRAM_STATE_CHECK;
     }
-    // Every waiting completion's routine is still finishing (or its
-    // conversation is being cancelled). Handing it out now would let the
-    // next call on it fail with 37, and a conversation that ended would
-    // never be released. The routine's wakeup, or the Cancel's, follows
-    // at once; a conversation whose count stays raised (a Cancel that got
-    // no wait object leaves it so) is handed out after a bounded wait.
-    if (vpm_sleep(g->hWaitObject, kFinishingWaitMs) != 0) {
-      c = first_waiting(false, true);
-      if (c == nullptr) c = first_waiting(false);
-      if (c != nullptr) break;
+    // Every waiting completion's conversation still counts an operation.
+    // Handing one out now would let the next call on it fail with 37, and
+    // a conversation that ended would never be released. While a routine
+    // is finishing or a Cancel sleeps, the wakeup that ends it follows;
+    // otherwise nothing will lower the count (a Cancel that got no wait
+    // object leaves it raised) and waiting would hang.
+    if (counter_get(completions_finishing) != 0 || counter_get(cancels_sleeping) != 0) {
+      vpm_sleep(g->hWaitObject, -1);
+      continue;
     }
+    // A routine may have finished between the scan and the counts.
+    c = first_waiting(false, true);
+    if (c == nullptr) c = first_waiting(false);
+    break;
   }
   std::memcpy(conversation_id, c->pOpConvId, 8);
   *conversation_rc = static_cast<CM_INT32>(c->ulReturnCode);
@@ -130,6 +129,7 @@ int32_t cancel(CCCB *c, const uint8_t *conversation_id) {
       v0_assert(SRC_CPICCAL1, __LINE__, "cccb_ptr->vcb.mcalloc.opcode == NAP_M_ALLOCATE");
     }
   }
+  counter_add(cancels_sleeping);
   if (appc_c_async_version(2, &block, cmcanc_cb, wait_object) == APPC_VERB_IN_PROGRESS) {
     if (vpm_sleep(wait_object, -1) == 0) vpm_release_wait_object(wait_object);
   }
@@ -141,15 +141,17 @@ int32_t cancel(CCCB *c, const uint8_t *conversation_id) {
   }
   flag_sub(c->usOpsOutstanding);
   flag_set(c->fFreePending, 1);
-  // A Wait on another thread may be holding back this conversation's
-  // completion until the cancel lets go of it.
-  const bool completion_waits = flag_get(c->fVerbWaiting) != 0;
+  counter_sub(cancels_sleeping);
   SCC_release_if_done(c);
-  if (completion_waits) vpm_wakeup(pGCB->hWaitObject);
+  // A Wait on another thread may be holding back a completion until this
+  // cancel lets go of its conversation, or until no cancel sleeps.
+  vpm_wakeup(pGCB->hWaitObject);
   return rc;
 }
 
 }  // namespace
+
+uint32_t cancels_sleeping = 0;
 
 void cmcanc_cb(void *, uint32_t, uint32_t, uint32_t wait_object) { vpm_wakeup(wait_object); }
 

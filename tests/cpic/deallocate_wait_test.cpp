@@ -1,6 +1,8 @@
 // Deallocate, Wait_For_Conversation, the check call and Cancel.
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <future>
 #include <thread>
 
 #include "conversation_fixture.h"
@@ -311,6 +313,40 @@ TEST_F(Cancel, NoWaitObject) {
   EXPECT_EQ(verbs(), 0u);
   // The counters are left as they were: the conversation stays taken.
   EXPECT_EQ(c_->usOpsOutstanding, 1);
+  c_->usOpsOutstanding = 0;
+  c_->fFreePending = 0;
+}
+
+TEST_F(Cancel, NoWaitObjectWhileReceivingThenWait) {
+  // The failed cancel leaves the count raised for good; the receive's
+  // completion arrives later all the same and Wait must hand it out, not
+  // sleep on a count nothing will lower.
+  established(0x1234, 0x42);
+  c_->usProcessingMode = CM_NON_BLOCKING;
+  testnode::script_verb({VERB_RECEIVE_AND_WAIT, 0x0021, 0, true, nullptr});
+  unsigned char buf[8];
+  CM_INT32 req = 8, data = -1, got = -1, status = -1, rts = -1, rc = -1;
+  cmrcv(id_, buf, &req, &data, &got, &status, &rts, &rc);
+  ASSERT_EQ(rc, CM_OPERATION_INCOMPLETE);
+  testnode::fail_wait_object(true);
+  cmcanc(id_, &rc);
+  testnode::fail_wait_object(false);
+  EXPECT_EQ(rc, CM_PRODUCT_SPECIFIC_ERROR);
+  ASSERT_EQ(testnode::complete_async(1), 1);
+  EXPECT_EQ(c_->usOpsOutstanding, 1);
+  unsigned char id[8];
+  CM_INT32 crc = -1;
+  auto waiter = std::async(std::launch::async, [&] {
+    CM_INT32 wrc = -1;
+    cmwait(id, &crc, &wrc);
+    return wrc;
+  });
+  ASSERT_EQ(waiter.wait_for(std::chrono::seconds(10)), std::future_status::ready)
+      << "Wait slept on a count that nothing will lower";
+  EXPECT_EQ(waiter.get(), CM_OK);
+  EXPECT_EQ(std::memcmp(id, id_, 8), 0);
+  EXPECT_EQ(crc, CM_PRODUCT_SPECIFIC_ERROR);
+  EXPECT_EQ(find(id_), c_) << "still counted as taken, so not released";
   c_->usOpsOutstanding = 0;
   c_->fFreePending = 0;
 }
