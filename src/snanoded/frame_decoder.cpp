@@ -10,17 +10,14 @@ namespace sna::daemon {
 
 using wire::Kind;
 
-namespace {
-// Where wire::encode_verb puts the password in a verb body.
-constexpr size_t kPasswordAt = 120;
-constexpr size_t kPasswordSize = 10;
-}  // namespace
+using wire::kVerbPasswordOffset;
+using wire::kVerbPasswordSize;
 
 void wipe_verb_password(uint8_t* body, size_t n) {
-  if (n < kPasswordAt + kPasswordSize) return;
-  uint8_t* p = body + kPasswordAt;
-  if (std::any_of(p, p + kPasswordSize, [](uint8_t b) { return b != 0; }))
-    proto::wipe(p, kPasswordSize);
+  if (n < kVerbPasswordOffset + kVerbPasswordSize) return;
+  uint8_t* p = body + kVerbPasswordOffset;
+  if (std::any_of(p, p + kVerbPasswordSize, [](uint8_t b) { return b != 0; }))
+    proto::wipe(p, kVerbPasswordSize);
 }
 
 void FrameDecoder::append(const uint8_t* data, size_t n) {

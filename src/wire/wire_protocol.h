@@ -197,6 +197,12 @@ inline uint32_t data_carried(uint32_t data_length) {
   return data_length <= kMaxData ? data_length : 0;
 }
 
+// Where a verb body carries the conversation password. The daemon clears
+// those bytes in place once it has read them, so it needs them by name.
+inline constexpr size_t kVerbPasswordOffset = 120;
+inline constexpr size_t kVerbPasswordSize = 10;
+static_assert(sizeof(Verb::password) == kVerbPasswordSize);
+
 inline void encode_verb(uint8_t* p, const Verb& v) {
   std::memset(p, 0, kVerbFixedSize);
   put16(p, 0, v.opcode);
@@ -221,7 +227,7 @@ inline void encode_verb(uint8_t* p, const Verb& v) {
   put_bytes(p, 40, v.partner_lu_alias, 8);
   put_bytes(p, 48, v.mode_name, 8);
   put_bytes(p, 56, v.tp_name, 64);
-  put_bytes(p, 120, v.password, 10);
+  put_bytes(p, kVerbPasswordOffset, v.password, kVerbPasswordSize);
   put_bytes(p, 130, v.user_id, 10);
   put_bytes(p, 140, v.partner_lu_name, 17);
   put_bytes(p, 157, v.local_lu_alias, 8);
@@ -250,7 +256,7 @@ inline Verb decode_verb(const uint8_t* p) {
   get_bytes(p, 40, v.partner_lu_alias, 8);
   get_bytes(p, 48, v.mode_name, 8);
   get_bytes(p, 56, v.tp_name, 64);
-  get_bytes(p, 120, v.password, 10);
+  get_bytes(p, kVerbPasswordOffset, v.password, kVerbPasswordSize);
   get_bytes(p, 130, v.user_id, 10);
   get_bytes(p, 140, v.partner_lu_name, 17);
   get_bytes(p, 157, v.local_lu_alias, 8);
