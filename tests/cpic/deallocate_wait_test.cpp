@@ -223,7 +223,20 @@ TEST_F(Wait, ReturnsConversationsInHandleOrder) {
 
 // ---- Cancel -------------------------------------------------------------
 
-using Cancel = ConversationTest;
+class Cancel : public ConversationTest {
+ protected:
+  // An established non-blocking conversation with a receive at the node
+  // that will end with 0x0021 (no CPI-C meaning: CM_PRODUCT_SPECIFIC_ERROR).
+  void receive_in_progress() {
+    established(0x1234, 0x42);
+    c_->usProcessingMode = CM_NON_BLOCKING;
+    testnode::script_verb({VERB_RECEIVE_AND_WAIT, 0x0021, 0, true, nullptr});
+    CM_INT32 req = 8, data = -1, got = -1, status = -1, rts = -1, rc = -1;
+    cmrcv(id_, receive_buffer_, &req, &data, &got, &status, &rts, &rc);
+    ASSERT_EQ(rc, CM_OPERATION_INCOMPLETE);
+  }
+  unsigned char receive_buffer_[8] = {};
+};
 
 TEST_F(Cancel, NeverAllocatedIsFreedAtOnce) {
   CM_INT32 rc = -1;
@@ -278,13 +291,8 @@ TEST_F(Cancel, FinishedAtOnceKeepsItsWaitObject) {
 }
 
 TEST_F(Cancel, WhileReceiving) {
-  established(0x1234, 0x42);
-  c_->usProcessingMode = CM_NON_BLOCKING;
-  testnode::script_verb({VERB_RECEIVE_AND_WAIT, 0x0021, 0, true, nullptr});
-  unsigned char buf[8];
-  CM_INT32 req = 8, data = -1, got = -1, status = -1, rts = -1, rc = -1;
-  cmrcv(id_, buf, &req, &data, &got, &status, &rts, &rc);
-  ASSERT_EQ(rc, CM_OPERATION_INCOMPLETE);
+  ASSERT_NO_FATAL_FAILURE(receive_in_progress());
+  CM_INT32 rc = -1;
   testnode::script_verb({VERB_CANCEL_CONVERSATION, 0, 0, true, nullptr});
   std::thread node([] {
     while (testnode::pending_async() < 2) std::this_thread::yield();
@@ -321,13 +329,8 @@ TEST_F(Cancel, NoWaitObjectWhileReceivingThenWait) {
   // The failed cancel leaves the count raised for good; the receive's
   // completion arrives later all the same and Wait must hand it out, not
   // sleep on a count nothing will lower.
-  established(0x1234, 0x42);
-  c_->usProcessingMode = CM_NON_BLOCKING;
-  testnode::script_verb({VERB_RECEIVE_AND_WAIT, 0x0021, 0, true, nullptr});
-  unsigned char buf[8];
-  CM_INT32 req = 8, data = -1, got = -1, status = -1, rts = -1, rc = -1;
-  cmrcv(id_, buf, &req, &data, &got, &status, &rts, &rc);
-  ASSERT_EQ(rc, CM_OPERATION_INCOMPLETE);
+  ASSERT_NO_FATAL_FAILURE(receive_in_progress());
+  CM_INT32 rc = -1;
   testnode::fail_wait_object(true);
   cmcanc(id_, &rc);
   testnode::fail_wait_object(false);
