@@ -58,13 +58,15 @@ int32_t wait_for_conversation(unsigned char *conversation_id, CM_INT32 *conversa
     // otherwise nothing will lower the count (a Cancel that got no wait
     // object leaves it raised) and waiting would hang.
     if (counter_get(completions_finishing) != 0 || counter_get(cancels_sleeping) != 0) {
-      vpm_sleep(g->hWaitObject, -1);
-      continue;
+      // Without its wait object (the node went away) there is no wakeup to
+      // sleep for: take what is there rather than spin.
+      if (vpm_sleep(g->hWaitObject, -1) == 0) continue;
     }
     // A routine may have finished between the scan and the counts.
     c = first_waiting(false, true);
     if (c == nullptr) c = first_waiting(false);
-    break;
+    if (c != nullptr) break;
+    return CM_PROGRAM_STATE_CHECK;
   }
   std::memcpy(conversation_id, c->pOpConvId, 8);
   *conversation_rc = static_cast<CM_INT32>(c->ulReturnCode);
