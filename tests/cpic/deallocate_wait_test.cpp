@@ -227,15 +227,21 @@ class Cancel : public ConversationTest {
  protected:
   // An established non-blocking conversation with a receive at the node
   // that will end with 0x0021 (no CPI-C meaning: CM_PRODUCT_SPECIFIC_ERROR).
+  // The receive's outputs are the fixture's: its completion writes them
+  // after this returns.
   void receive_in_progress() {
     established(0x1234, 0x42);
     c_->usProcessingMode = CM_NON_BLOCKING;
     testnode::script_verb({VERB_RECEIVE_AND_WAIT, 0x0021, 0, true, nullptr});
-    CM_INT32 req = 8, data = -1, got = -1, status = -1, rts = -1, rc = -1;
-    cmrcv(id_, receive_buffer_, &req, &data, &got, &status, &rts, &rc);
+    CM_INT32 rc = -1;
+    cmrcv(id_, rcv_.buffer, &rcv_.requested, &rcv_.data, &rcv_.received, &rcv_.status,
+          &rcv_.rts, &rc);
     ASSERT_EQ(rc, CM_OPERATION_INCOMPLETE);
   }
-  unsigned char receive_buffer_[8] = {};
+  struct {
+    unsigned char buffer[8] = {};
+    CM_INT32 requested = 8, data = -1, received = -1, status = -1, rts = -1;
+  } rcv_;
 };
 
 TEST_F(Cancel, NeverAllocatedIsFreedAtOnce) {
