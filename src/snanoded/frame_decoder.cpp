@@ -15,9 +15,7 @@ using wire::kVerbPasswordSize;
 
 void wipe_verb_password(uint8_t* body, size_t n) {
   if (n < kVerbPasswordOffset + kVerbPasswordSize) return;
-  uint8_t* p = body + kVerbPasswordOffset;
-  if (std::any_of(p, p + kVerbPasswordSize, [](uint8_t b) { return b != 0; }))
-    proto::wipe(p, kVerbPasswordSize);
+  proto::wipe(body + kVerbPasswordOffset, kVerbPasswordSize);
 }
 
 void FrameDecoder::append(const uint8_t* data, size_t n) {
