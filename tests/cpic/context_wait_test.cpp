@@ -419,11 +419,7 @@ TEST_F(WaitFinished, ConversationWhoseRoutineIsStillRunningIsNotHandedOut) {
   std::memset(c_->abTpId, 0, 8);  // no TP to end when it goes
   unsigned char got[8] = {};
   CM_INT32 crc = -1;
-  auto waiter = std::async(std::launch::async, [&] {
-    CM_INT32 rc = -1;
-    cmwait(got, &crc, &rc);
-    return rc;
-  });
+  auto waiter = wait_on_another_thread(got, &crc);
   // Wait must hold back until the routine has finished, however long it is
   // kept from running: longer than a second here, since a loaded machine
   // can do that to the node's thread.
@@ -517,11 +513,7 @@ TEST_F(WaitFinished, CancelOnAnotherThreadReleasesTheHeldCompletion) {
   ASSERT_EQ(testnode::complete_async(1), 1);  // the receive, ended by the cancel
   unsigned char got[8] = {};
   CM_INT32 crc = -1;
-  auto waiter = std::async(std::launch::async, [&] {
-    CM_INT32 wrc = -1;
-    cmwait(got, &crc, &wrc);
-    return wrc;
-  });
+  auto waiter = wait_on_another_thread(got, &crc);
   EXPECT_EQ(waiter.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
   ASSERT_EQ(testnode::complete_async(1), 1);  // the cancel
   ASSERT_EQ(canceller.wait_for(std::chrono::seconds(10)), std::future_status::ready);

@@ -4,10 +4,24 @@
 #ifndef TESTS_CPIC_CONVERSATION_FIXTURE_H
 #define TESTS_CPIC_CONVERSATION_FIXTURE_H
 
+#include <future>
+
 #include "counters.h"
 #include "fixtures.h"
 
 namespace cpictest {
+
+// CMWAIT on a thread of its own, for tests that watch whether it holds
+// back; its return code comes through the future. got and
+// conversation_rc must outlive it.
+inline std::future<CM_INT32> wait_on_another_thread(unsigned char *got,
+                                                    CM_INT32 *conversation_rc) {
+  return std::async(std::launch::async, [got, conversation_rc] {
+    CM_INT32 rc = -1;
+    cmwait(got, conversation_rc, &rc);
+    return rc;
+  });
+}
 
 class ConversationTest : public LibraryTest {
  protected:

@@ -345,11 +345,7 @@ TEST_F(Cancel, NoWaitObjectWhileReceivingThenWait) {
   EXPECT_EQ(c_->usOpsOutstanding, 1);
   unsigned char id[8];
   CM_INT32 crc = -1;
-  auto waiter = std::async(std::launch::async, [&] {
-    CM_INT32 wrc = -1;
-    cmwait(id, &crc, &wrc);
-    return wrc;
-  });
+  auto waiter = wait_on_another_thread(id, &crc);
   ASSERT_EQ(waiter.wait_for(std::chrono::seconds(10)), std::future_status::ready)
       << "Wait slept on a count that nothing will lower";
   EXPECT_EQ(waiter.get(), CM_OK);
