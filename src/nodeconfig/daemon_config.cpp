@@ -720,13 +720,17 @@ bool read_file(const std::string& path, std::string& out) {
 // does so outside strings and comments, and after a line-ending backslash
 // in a multi-line basic string. Such characters are refused there before
 // the library sees them; outside strings and comments no non-ASCII
-// character is valid TOML anyway. A quote opens a string only where TOML
-// lets one begin (a key or a value), as for the library: a stray quote
-// elsewhere makes it fail there, or read on outside a string.
+// character is valid TOML anyway. A quote is taken to open a string only
+// where the library would open one: at the start of a key part or of a
+// value. Inside a value that began otherwise (a number, say) the library
+// reads on to the value's end, quotes and all, testing each character.
 bool toml_library_safe(const std::string& text, int& line, std::string& reason) {
   enum class In { kCode, kComment, kBasic, kLiteral, kMultiBasic, kMultiLiteral };
   In in = In::kCode;
-  char last = '\n';  // the last character outside strings and blanks
+  bool string_may_open = true;  // a key part or a value may begin here
+  bool in_value_token = false;  // inside a value that did not begin with a quote
+  bool after_equals = false;    // this line's key has had its '='
+  int depth = 0;                // open arrays and inline tables
   line = 1;
   const size_t n = text.size();
   auto at = [&](size_t i) { return i < n ? text[i] : '\0'; };
@@ -736,26 +740,52 @@ bool toml_library_safe(const std::string& text, int& line, std::string& reason) 
     if (c == '\n') {
       ++line;
       if (in == In::kComment || in == In::kBasic || in == In::kLiteral) in = In::kCode;
-      if (in == In::kCode) last = '\n';
+      if (in == In::kCode) {
+        string_may_open = true;
+        in_value_token = false;
+        after_equals = false;
+      }
       continue;
     }
     switch (in) {
-      case In::kCode:
+      case In::kCode: {
         if (static_cast<unsigned char>(c) >= 0x80) {
           reason = "non-ASCII character outside a string or comment";
           return false;
         }
+        const bool value = after_equals || depth > 0;
         if (c == '#') {
           in = In::kComment;
-        } else if ((c == '"' || c == '\'') && last != '\0' && std::strchr("\n=[,{.", last)) {
+        } else if (c == ' ' || c == '\t' || c == '\r') {
+          in_value_token = false;
+        } else if (in_value_token && (c == '\0' || !std::strchr("]},", c))) {
+          // Still the same value, as far as the library reads.
+        } else if ((c == '"' || c == '\'') && string_may_open) {
           const bool multi = triple(i, c);
           in = c == '"' ? (multi ? In::kMultiBasic : In::kBasic) : (multi ? In::kMultiLiteral : In::kLiteral);
           if (multi) i += 2;
-          last = c;
-        } else if (c != ' ' && c != '\t' && c != '\r') {
-          last = c;
+          string_may_open = false;
+        } else {
+          in_value_token = false;
+          string_may_open = false;
+          if (c == '=') {
+            after_equals = true;
+            string_may_open = true;
+          } else if (c == ',') {
+            string_may_open = true;
+          } else if (c == '[' || c == '{') {
+            if (value) ++depth;
+            string_may_open = true;
+          } else if (c == ']' || c == '}') {
+            if (depth > 0) --depth;
+          } else if (c == '.' && !value) {
+            string_may_open = true;  // a dotted key's next part
+          } else if (value) {
+            in_value_token = true;
+          }
         }
         break;
+      }
       case In::kComment:
         break;
       case In::kBasic:
